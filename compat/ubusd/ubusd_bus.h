@@ -1,0 +1,174 @@
+// The bus daemon's state and message handling, independent of sockets: the event loop (ubusd_main.cpp) feeds
+// received bytes into Bus::receive() and writes out what the bus queues on each client. Tests and the fuzzer
+// drive the same code in-process.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace ubusd {
+
+// Wire constants (the numbering is fixed by the protocol).
+enum MsgType : uint8_t {
+	MSG_HELLO, MSG_STATUS, MSG_DATA, MSG_PING, MSG_LOOKUP, MSG_INVOKE, MSG_ADD_OBJECT, MSG_REMOVE_OBJECT,
+	MSG_SUBSCRIBE, MSG_UNSUBSCRIBE, MSG_NOTIFY, MSG_MONITOR, MSG_LAST,
+};
+
+enum Attr : uint8_t {
+	ATTR_UNSPEC, ATTR_STATUS, ATTR_OBJPATH, ATTR_OBJID, ATTR_METHOD, ATTR_OBJTYPE, ATTR_SIGNATURE, ATTR_DATA,
+	ATTR_TARGET, ATTR_ACTIVE, ATTR_NO_REPLY, ATTR_SUBSCRIBERS, ATTR_USER, ATTR_GROUP, ATTR_MAX,
+};
+
+enum MonitorAttr : uint8_t {
+	MONITOR_CLIENT, MONITOR_PEER, MONITOR_SEND, MONITOR_SEQ, MONITOR_TYPE, MONITOR_DATA,
+};
+
+enum Status : int32_t {
+	STATUS_OK, STATUS_INVALID_COMMAND, STATUS_INVALID_ARGUMENT, STATUS_METHOD_NOT_FOUND, STATUS_NOT_FOUND,
+	STATUS_NO_DATA, STATUS_PERMISSION_DENIED, STATUS_TIMEOUT, STATUS_NOT_SUPPORTED, STATUS_UNKNOWN_ERROR,
+	STATUS_CONNECTION_FAILED, STATUS_NO_MEMORY, STATUS_PARSE_ERROR, STATUS_SYSTEM_ERROR,
+};
+
+constexpr uint32_t kObjectEvent = 1;
+constexpr uint32_t kObjectAcl = 2;
+constexpr uint32_t kObjectMonitor = 3;
+constexpr uint32_t kFirstDynamicId = 1024;
+
+constexpr size_t kHeaderLen = 8;		// version, type, seq, peer
+constexpr size_t kPrefixLen = kHeaderLen + 4;	// plus the container's blob header
+constexpr size_t kMaxMsgLen = 1048576;		// limit on the container's padded length
+constexpr size_t kMaxTxQueue = 1048576;		// per client; messages beyond it are dropped
+
+// One complete outgoing message and the descriptor that travels with it (-1 for none).
+struct Frame {
+	std::vector<uint8_t> bytes;
+	int fd = -1;
+};
+
+struct Object;
+
+struct Client {
+	uint32_t id = 0;
+	uint32_t uid = 0, gid = 0;
+	std::string user, group;
+	int sock = -1;				// owned by the event loop
+	std::vector<uint8_t> rx;		// start of a message not yet complete
+	int rx_fd = -1;				// descriptor received with the message being read
+	std::deque<Frame> txq;
+	size_t txq_bytes = 0;
+	size_t tx_offset = 0;			// bytes of txq.front() already written
+	bool monitor = false;
+	std::vector<uint32_t> objects;		// ids of the objects this client owns
+};
+
+struct Type {
+	uint32_t id = 0;
+	unsigned refs = 0;
+	std::vector<uint8_t> signature;		// the children of the SIGNATURE attribute, as registered
+};
+
+struct Object {
+	uint32_t id = 0;
+	Client *owner = nullptr;
+	std::string path;			// empty for an anonymous object
+	Type *type = nullptr;
+	std::vector<uint32_t> subscribers;	// subscriber objects watching this one
+	std::vector<uint32_t> targets;		// objects this (subscriber) object watches
+};
+
+// A view of one received message: the header fields and the protocol attributes found in the container.
+struct Message {
+	uint8_t version = 0, type = 0;
+	uint16_t seq = 0;
+	uint32_t peer = 0;
+	const uint8_t *frame = nullptr;		// the whole message as received
+	size_t frame_len = 0;
+	const uint8_t *attr[ATTR_MAX] = {};	// payload of each attribute, nullptr when absent or malformed
+	size_t attr_len[ATTR_MAX] = {};
+	int fd = -1;
+
+	bool has(Attr a) const { return attr[a] != nullptr; }
+	uint32_t u32(Attr a) const;
+	const char *str(Attr a) const { return reinterpret_cast<const char *>(attr[a]); }
+};
+
+// Splits a complete message (header, container) into a Message. Returns false when the container length is
+// impossible (shorter than a blob header, longer than the buffer, or above the message limit).
+bool parse_message(const uint8_t *frame, size_t len, Message &out);
+
+// Length of the whole message announced by a 12-byte prefix, or 0 when the announced container is too short or
+// too long to be accepted.
+size_t frame_length(const uint8_t *prefix);
+
+class Bus {
+public:
+	// seed 0 takes ids from /dev/urandom; any other seed makes the ids reproducible (tests, fuzzing).
+	explicit Bus(uint64_t seed = 0);
+	~Bus();
+	Bus(const Bus &) = delete;
+	Bus &operator=(const Bus &) = delete;
+
+	// Called whenever something was queued on a client, so the event loop can start writing.
+	std::function<void(Client &)> on_output;
+
+	// Registers a connected peer and queues its HELLO.
+	Client *add_client(uint32_t uid, uint32_t gid, std::string user, std::string group, int sock = -1);
+	// Drops a departed client with all its objects, subscriptions and queued output (closing queued fds).
+	void remove_client(Client *cl);
+
+	// Feeds bytes read from a client's socket; handles every message completed by them. A descriptor received
+	// with the bytes is attached to the message it arrived with. Returns false when the client sent a frame
+	// that is not acceptable and must be disconnected.
+	bool receive(Client &cl, const uint8_t *data, size_t len, int fd = -1);
+
+	// Handles one complete message (as receive() does once a message is complete).
+	void dispatch(Client &cl, const Message &msg);
+
+	Client *client(uint32_t id);
+	Object *object(uint32_t id);
+	size_t client_count() const { return clients_.size(); }
+	size_t object_count() const { return objects_.size(); }
+	size_t type_count() const { return types_.size(); }
+
+private:
+	uint32_t random_u32();
+	template <class Map> uint32_t new_id(const Map &taken);
+
+	void queue(Client &cl, std::vector<uint8_t> bytes, int fd = -1);
+	void send_status(Client &cl, const Message &req, int32_t status);
+	void monitor(Client &cl, bool send, const uint8_t *frame, size_t len);
+
+	void handle_lookup(Client &cl, const Message &m);
+	void handle_add_object(Client &cl, const Message &m);
+	void handle_remove_object(Client &cl, const Message &m);
+	void handle_invoke(Client &cl, const Message &m);
+	void handle_reply(Client &cl, const Message &m);
+	void handle_subscribe(Client &cl, const Message &m, bool subscribe);
+	void handle_notify(Client &cl, const Message &m);
+	int32_t handle_event_call(Client &cl, const Message &m);
+	int32_t handle_monitor_call(Client &cl, const Message &m);
+
+	void delete_object(Object *obj, std::vector<uint8_t> *removed_type);
+	void unsubscribe(Object *subscriber, Object *target);
+	void notify_active(Object *target, bool active);
+	void send_event(Client *from, const std::string &id, const uint8_t *data, size_t len);
+	void object_event(const char *event, const Object &obj);
+
+	std::unordered_map<uint32_t, std::unique_ptr<Client>> clients_;
+	std::unordered_map<uint32_t, std::unique_ptr<Object>> objects_;
+	std::unordered_map<uint32_t, std::unique_ptr<Type>> types_;
+	std::map<std::string, Object *> paths_;		// strcmp order, as listings need
+	std::multimap<uint32_t, std::string> listeners_;	// event listener object id -> pattern
+	uint64_t rng_state_ = 0;
+	int urandom_ = -1;
+	uint16_t event_seq_ = 0;
+};
+
+} // namespace ubusd
