@@ -1,0 +1,94 @@
+// Logging: one line per call to syslog (facility daemon, ident "gwconfd"), and to stderr as "<level> <message>"
+// when the environment holds GWCONF_LOG_STDERR=1.
+#include "routeutils/routeutils.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <syslog.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+bool g_syslogOpen = false;
+
+bool stderrWanted()
+{
+    const char *v = std::getenv("GWCONF_LOG_STDERR");
+    return v && std::strcmp(v, "1") == 0;
+}
+
+void logLine(int priority, const char *level, const char *fmt, va_list ap)
+{
+    if (!fmt)
+        return;
+    char small[512];
+    va_list copy;
+    va_copy(copy, ap);
+    const int n = std::vsnprintf(small, sizeof small, fmt, copy);
+    va_end(copy);
+    if (n < 0)
+        return;
+    std::vector<char> big;
+    const char *msg = small;
+    if (static_cast<std::size_t>(n) >= sizeof small) {
+        big.resize(static_cast<std::size_t>(n) + 1);
+        std::vsnprintf(big.data(), big.size(), fmt, ap);
+        msg = big.data();
+    }
+    if (!g_syslogOpen) {
+        openlog("gwconfd", LOG_PID, LOG_DAEMON);
+        g_syslogOpen = true;
+    }
+    syslog(priority, "%s", msg);
+    if (stderrWanted()) {
+        // One write per line, so lines of several processes sharing stderr never interleave. A message that
+        // already ends its line gets no second line end.
+        std::vector<char> line;
+        const std::size_t levelLen = std::strlen(level);
+        const std::size_t msgLen = static_cast<std::size_t>(n);
+        line.reserve(levelLen + msgLen + 2);
+        line.insert(line.end(), level, level + levelLen);
+        line.push_back(' ');
+        line.insert(line.end(), msg, msg + msgLen);
+        if (msgLen == 0 || msg[msgLen - 1] != '\n')
+            line.push_back('\n');
+        std::size_t off = 0;
+        while (off < line.size()) {
+            const ssize_t w = write(STDERR_FILENO, line.data() + off, line.size() - off);
+            if (w < 0 && errno == EINTR)
+                continue;
+            if (w <= 0)
+                break;
+            off += static_cast<std::size_t>(w);
+        }
+    }
+}
+
+}  // namespace
+
+extern "C" void log_error(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    logLine(LOG_ERR, "error", fmt, ap);
+    va_end(ap);
+}
+
+extern "C" void log_info(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    logLine(LOG_INFO, "info", fmt, ap);
+    va_end(ap);
+}
+
+extern "C" void log_debug(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    logLine(LOG_DEBUG, "debug", fmt, ap);
+    va_end(ap);
+}

@@ -1,0 +1,285 @@
+// The configuration access layer: the shared read and write operations over libuci. Every operation but
+// uciDeleteSection and uciRevertPackage opens its own context and frees it, with every package loaded in it,
+// before it returns; the daemon keeps no configuration state between operations.
+#include "uciconfig.h"
+
+#include "routeutils/owners.h"
+#include "routeutils/routeutils.h"
+
+#include <cstring>
+#include <string>
+
+using routeutils::copyCut;
+using routeutils::UciContext;
+
+namespace {
+
+std::size_t limitOf(int len) { return len > 0 ? static_cast<std::size_t>(len) : 0; }
+
+}  // namespace
+
+int uciGetConfig(const char *package, const char *section, const char *option, char *buffer, int len)
+{
+    if (!package || !section || !option || !buffer) {
+        log_error("[%s:%d]UCI_ERR_INVAL", __func__, __LINE__);
+        return UCI_ERR_INVAL;
+    }
+    UciContext ctx;
+    if (!ctx) {
+        log_error("[%s:%d]uciGetConfig UCI_ERR_MEM", __func__, __LINE__);
+        return UCI_ERR_MEM;
+    }
+    uci_package *pkg = nullptr;
+    const int rc = uci_load(ctx.get(), package, &pkg);
+    if (rc != UCI_OK || !pkg) {
+        const int err = rc != UCI_OK ? rc : UCI_ERR_NOTFOUND;
+        log_error("[%s:%d]uciGetConfig uci_load:%d", __func__, __LINE__, err);
+        return err;
+    }
+    uci_section *sec = uci_lookup_section(ctx.get(), pkg, section);
+    if (!sec) {
+        log_error("[%s:%d]uciGetConfig UCI_ERR_NOTFOUND2", __func__, __LINE__);
+        return UCI_ERR_NOTFOUND;
+    }
+    // A list option counts as absent: only a single text is read here.
+    const char *text = uci_lookup_option_string(ctx.get(), sec, option);
+    if (!text) {
+        log_error("[%s:%d]uciGetConfig UCI_ERR_NOTFOUND1", __func__, __LINE__);
+        return UCI_ERR_NOTFOUND;
+    }
+    copyCut(buffer, text, limitOf(len));
+    log_info("[%s:%d]uciConfig value:%s", __func__, __LINE__, buffer);
+    return UCI_OK;
+}
+
+int uciSetConfig(const char *package, const char *section, const char *option, const char *value)
+{
+    if (!package || !section || !option || !value) {
+        log_error("[%s:%d]UCI_ERR_INVAL", __func__, __LINE__);
+        return UCI_ERR_INVAL;
+    }
+    UciContext ctx;
+    if (!ctx)
+        return UCI_ERR_MEM;
+    uci_ptr ptr{};
+    ptr.package = package;
+    ptr.section = section;
+    ptr.option = option;
+    ptr.value = value;
+    // uci_set loads the package itself and refuses an option of a section that does not exist.
+    int rc = uci_set(ctx.get(), &ptr);
+    if (rc != UCI_OK)
+        return rc;
+    rc = uci_save(ctx.get(), ptr.p);
+    if (rc != UCI_OK)
+        return rc;
+    return uci_commit(ctx.get(), &ptr.p, false);
+}
+
+// Copies an option's value into the caller's buffer: a single text cut to len characters, or a list joined by
+// single blanks as far as it fits in len characters (2 when it did not fit; what fitted stays in the buffer).
+static int uciGetValue(uci_option *o, char *buffer, int len)
+{
+    if (!o) {
+        log_error("[%s:%d]UCI_ERR_INVAL", __func__, __LINE__);
+        return UCI_ERR_INVAL;
+    }
+    const std::size_t limit = limitOf(len);
+    if (o->type == UCI_TYPE_STRING) {
+        copyCut(buffer, o->v.string, limit);
+        return UCI_OK;
+    }
+    if (o->type != UCI_TYPE_LIST) {
+        log_error("[%s:%d]UCI_ERR_INVAL", __func__, __LINE__);
+        return UCI_ERR_INVAL;
+    }
+    std::size_t used = 0;
+    buffer[0] = '\0';
+    bool first = true;
+    uci_element *e = nullptr;
+    uci_foreach_element(&o->v.list, e)
+    {
+        if (!first) {
+            if (used + 1 > limit)
+                return UCI_ERR_INVAL;
+            buffer[used++] = ' ';
+            buffer[used] = '\0';
+        }
+        first = false;
+        const char *value = e->name ? e->name : "";
+        const std::size_t n = std::strlen(value);
+        if (used + n > limit)
+            return UCI_ERR_INVAL;
+        std::memcpy(buffer + used, value, n);
+        used += n;
+        buffer[used] = '\0';
+    }
+    return UCI_OK;
+}
+
+int uciGetStr(const char *path, char *buffer, int len)
+{
+    if (!path || !buffer) {
+        log_error("[%s:%d]UCI_ERR_INVAL", __func__, __LINE__);
+        return UCI_ERR_INVAL;
+    }
+    UciContext ctx;
+    if (!ctx) {
+        log_error("[%s:%d]UCI_ERR_MEM", __func__, __LINE__);
+        return UCI_ERR_MEM;
+    }
+    // libuci splits the path in place; it works on a copy, so a constant path is never written.
+    std::string copy(path);
+    uci_ptr ptr{};
+    if (uci_lookup_ptr(ctx.get(), &ptr, copy.data(), true) != UCI_OK) {
+        log_error("[%s:%d]UCI_ERR_NOTFOUND", __func__, __LINE__);
+        return UCI_ERR_NOTFOUND;
+    }
+    int result = UCI_OK;
+    if (!(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE)) {
+        log_error("[%s:%d]UCI_ERR_NOTFOUND", __func__, __LINE__);
+        result = UCI_ERR_NOTFOUND;
+    } else if (ptr.last && ptr.last->type == UCI_TYPE_SECTION) {
+        log_error("[%s:%d]UCI_ERR_INVAL", __func__, __LINE__);
+        result = UCI_ERR_INVAL;
+    } else if (!ptr.last || ptr.last->type != UCI_TYPE_OPTION) {
+        log_error("[%s:%d]UCI_ERR_NOTFOUND", __func__, __LINE__);
+        result = UCI_ERR_NOTFOUND;
+    } else {
+        result = uciGetValue(ptr.o, buffer, len);
+    }
+    log_info("[%s:%d]uciGetStr val:%s", __func__, __LINE__, buffer);
+    return result;
+}
+
+int uciAddNewSection(const char *package, const char *type, const char (*options)[16], const char (*values)[64],
+                     int count)
+{
+    log_info("[%s:%d]in uciAddNewSection", __func__, __LINE__);
+    if (!package || !type || (count > 0 && (!options || !values))) {
+        log_error("[%s:%d]UCI_ERR_INVAL", __func__, __LINE__);
+        return UCI_ERR_INVAL;
+    }
+    UciContext ctx;
+    if (!ctx) {
+        log_error("[%s:%d]uciAddNewSection UCI_ERR_MEM", __func__, __LINE__);
+        return UCI_ERR_MEM;
+    }
+    const int rc = uci_load(ctx.get(), package, nullptr);
+    if (rc != UCI_OK) {
+        log_error("[%s:%d]uciAddNewSection uci_load:%d", __func__, __LINE__, rc);
+        return rc;
+    }
+    uci_package *pkg = uci_lookup_package(ctx.get(), package);
+    if (!pkg) {
+        log_error("[%s:%d]uciAddNewSection UCI_ERR_NOTFOUND", __func__, __LINE__);
+        return UCI_ERR_NOTFOUND;
+    }
+    uci_section *sec = nullptr;
+    uci_add_section(ctx.get(), pkg, type, &sec);
+    for (int i = 0; i < count; ++i) {
+        // The slots are fixed-size arrays; a text that fills its slot is read up to the slot's end.
+        const std::string option(options[i], strnlen(options[i], sizeof options[i]));
+        const std::string value(values[i], strnlen(values[i], sizeof values[i]));
+        log_info("[%s:%d]option:%s, value:%s", __func__, __LINE__, option.c_str(), value.c_str());
+        if (!sec)
+            continue;
+        uci_ptr ptr{};
+        ptr.p = pkg;
+        ptr.s = sec;
+        ptr.package = pkg->e.name;
+        ptr.section = sec->e.name;
+        ptr.option = option.c_str();
+        ptr.value = value.c_str();
+        uci_set(ctx.get(), &ptr);
+    }
+    // Once the package is loaded the result is 0, whatever the edits and the commit did.
+    uci_commit(ctx.get(), &pkg, false);
+    return UCI_OK;
+}
+
+int uciDeleteSection(struct uci_context *ctx, struct uci_package *pkg, const char *package, const char *section)
+{
+    if (!ctx || !pkg || !package || !section) {
+        log_error("[%s:%d]ctx is null or pkg is null or configFile or sectionName is null", __func__, __LINE__);
+        return -1;
+    }
+    uci_ptr ptr{};
+    ptr.p = pkg;
+    ptr.package = package;
+    ptr.section = section;
+    return uci_delete(ctx, &ptr) == UCI_OK ? 0 : -1;
+}
+
+int uciRevertPackage(struct uci_context *ctx, struct uci_package **pkg, const char *section)
+{
+    if (!ctx || !pkg || !*pkg)
+        return -1;
+    // The revert unloads the package, so its name is kept apart for the lookup.
+    const std::string name((*pkg)->e.name ? (*pkg)->e.name : "");
+    uci_ptr ptr{};
+    ptr.p = *pkg;
+    ptr.package = name.c_str();
+    ptr.section = section;
+    if (uci_revert(ctx, &ptr) != UCI_OK || !ptr.p)
+        return -1;
+    *pkg = ptr.p;
+    return 0;
+}
+
+int uciAddList(const char *package, const char *section, const char *option, const char *value)
+{
+    if (!package || !section || !option || !value) {
+        log_error("[%s:%d]param is null", __func__, __LINE__);
+        return UCI_ERR_INVAL;
+    }
+    UciContext ctx;
+    if (!ctx) {
+        log_error("[%s:%d]uci_alloc_context error", __func__, __LINE__);
+        return UCI_ERR_MEM;
+    }
+    uci_ptr ptr{};
+    ptr.package = package;
+    ptr.section = section;
+    ptr.option = option;
+    ptr.value = value;
+    int rc = uci_add_list(ctx.get(), &ptr);
+    if (rc != UCI_OK) {
+        log_error("[%s:%d]uci_add_list error", __func__, __LINE__);
+        return rc;
+    }
+    rc = uci_save(ctx.get(), ptr.p);
+    if (rc != UCI_OK) {
+        log_error("[%s:%d]uci_save error", __func__, __LINE__);
+        return rc;
+    }
+    rc = uci_commit(ctx.get(), &ptr.p, false);
+    if (rc != UCI_OK) {
+        log_error("[%s:%d]uci_commit error", __func__, __LINE__);
+        return rc;
+    }
+    return UCI_OK;
+}
+
+int uciDelList(const char *package, const char *section, const char *option, const char *value)
+{
+    if (!package || !section || !option || !value) {
+        log_error("[%s:%d]param is null", __func__, __LINE__);
+        return UCI_ERR_INVAL;
+    }
+    UciContext ctx;
+    if (!ctx)
+        return UCI_ERR_MEM;
+    uci_ptr ptr{};
+    ptr.package = package;
+    ptr.section = section;
+    ptr.option = option;
+    ptr.value = value;
+    int rc = uci_del_list(ctx.get(), &ptr);
+    if (rc != UCI_OK)
+        return rc;
+    rc = uci_save(ctx.get(), ptr.p);
+    if (rc != UCI_OK)
+        return rc;
+    return uci_commit(ctx.get(), &ptr.p, false);
+}
