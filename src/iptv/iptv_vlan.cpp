@@ -1,0 +1,293 @@
+// IPTV VLAN plumbing: the br-iptv bridge in package network, the DNS pass-through rules of its members, the
+// reset of the stored setting, the start-up restore and the delayed network reload.
+#include "gwconf.h"
+#include "iptv.h"
+#include "iptv_store.h"
+#include "uciconfig.h"
+#include "routeutils/routeutils.h"
+
+extern "C" {
+#include <libubox/uloop.h>
+}
+
+#include <cstring>
+
+static void reloadNetworkExpired(struct uloop_timeout *timeout);
+
+struct uloop_timeout reloadNetworkTimer = {.cb = reloadNetworkExpired};
+
+static void reloadNetworkExpired(struct uloop_timeout *)
+{
+    log_info("[%s:%d]................................................./etc/init.d/network restart.................................",
+             "reloadNetworkTimer", __LINE__);
+    LC_SystemCall("/etc/init.d/network reload");
+}
+
+void iptvArmNetworkReload(void)
+{
+    uloop_timeout_set(&reloadNetworkTimer, 1000);
+}
+
+namespace {
+
+// Owns the libuci context and the package "network" loaded in it for one apply or remove step; unloads and frees
+// on every way out.
+class NetworkEdit {
+public:
+    NetworkEdit() : ctx_(uci_alloc_context()) {}
+    ~NetworkEdit()
+    {
+        if (ctx_ != nullptr) {
+            if (pkg_ != nullptr)
+                uci_unload(ctx_, pkg_);
+            uci_free_context(ctx_);
+        }
+    }
+    NetworkEdit(const NetworkEdit &) = delete;
+    NetworkEdit &operator=(const NetworkEdit &) = delete;
+
+    uci_context *ctx() const { return ctx_; }
+    uci_package *pkg() const { return pkg_; }
+    uci_package **pkgSlot() { return &pkg_; }
+
+    // 0 when loaded; logs the two load failures.
+    int load(const char *caller)
+    {
+        int rc = uci_load(ctx_, UCI_NETWORK_FILE, &pkg_);
+        if (rc != UCI_OK) {
+            pkg_ = nullptr;
+            log_error("[%s:%d]can't load %s", caller, __LINE__, UCI_NETWORK_FILE);
+            return -1;
+        }
+        if (pkg_ == nullptr) {
+            log_error("[%s:%d]can't load(%s)", caller, __LINE__, UCI_NETWORK_FILE);
+            return -1;
+        }
+        return 0;
+    }
+
+    // Commit (no overwrite), then save; logs the failure.
+    int commitThenSave(const char *caller)
+    {
+        if (uci_commit(ctx_, &pkg_, false) != UCI_OK) {
+            log_error("[%s:%d]error uci_commit", caller, __LINE__);
+            return -1;
+        }
+        if (pkg_ == nullptr || uci_save(ctx_, pkg_) != UCI_OK) {
+            log_error("[%s:%d]error uci_save", caller, __LINE__);
+            return -1;
+        }
+        return 0;
+    }
+
+    // Discards what this step changed in memory or saved but did not commit.
+    void revert()
+    {
+        if (pkg_ != nullptr)
+            uciRevertPackage(ctx_, &pkg_, nullptr);
+    }
+
+private:
+    uci_context *ctx_;
+    uci_package *pkg_ = nullptr;
+};
+
+const int32_t *portFlag(const IptvInfo &info, int port)
+{
+    return port == 1 ? &info.vlan1 : port == 2 ? &info.vlan2 : &info.vlan3;
+}
+
+} // namespace
+
+void addDnsBrouteRules(int port, int type, int vlanId)
+{
+    char member[IPTV_IFNAME_SIZE];
+    getLanIfname(port, type, vlanId, member);
+    LC_SystemCall("ebtables --concurrent -t broute -I BROUTING -i %s -p ipv4 --ip-proto tcp --ip-dport 53 -j ACCEPT",
+                  member);
+    LC_SystemCall("ebtables --concurrent -t broute -I BROUTING -i %s -p ipv4 --ip-proto udp --ip-dport 53 -j ACCEPT",
+                  member);
+    LC_SystemCall(
+        "ebtables --concurrent -t broute -I BROUTING -i %s -p ipv6 --ip6-proto tcp --ip6-dport 53 -j ACCEPT", member);
+    LC_SystemCall(
+        "ebtables --concurrent -t broute -I BROUTING -i %s -p ipv6 --ip6-proto udp --ip6-dport 53 -j ACCEPT", member);
+}
+
+void delDnsBrouteRules(int port, int type, int vlanId)
+{
+    char member[IPTV_IFNAME_SIZE];
+    getLanIfname(port, type, vlanId, member);
+    LC_SystemCall("ebtables --concurrent -t broute -D BROUTING -i %s -p ipv4 --ip-proto tcp --ip-dport 53 -j ACCEPT "
+                  "2> /dev/null",
+                  member);
+    LC_SystemCall("ebtables --concurrent -t broute -D BROUTING -i %s -p ipv4 --ip-proto udp --ip-dport 53 -j ACCEPT "
+                  "2> /dev/null",
+                  member);
+    LC_SystemCall("ebtables --concurrent -t broute -D BROUTING -i %s -p ipv6 --ip6-proto tcp --ip6-dport 53 -j "
+                  "ACCEPT 2> /dev/null",
+                  member);
+    LC_SystemCall("ebtables --concurrent -t broute -D BROUTING -i %s -p ipv6 --ip6-proto udp --ip6-dport 53 -j "
+                  "ACCEPT 2> /dev/null",
+                  member);
+}
+
+void applyIptvDnsRules(const IptvInfo *info)
+{
+    if (info == nullptr)
+        return;
+    for (int port = 1; port <= 3; ++port)
+        if (*portFlag(*info, port) == 1)
+            addDnsBrouteRules(port, info->type, info->vlanId);
+}
+
+int addIptvVlan(IptvInfo info)
+{
+    if (iptvSelectionEmpty(info)) {
+        log_info("[%s:%d]all param is 0", __func__, __LINE__);
+        return 0;
+    }
+    IptvPlumbing plan;
+    iptvComposePlumbing(info, &plan);
+
+    LC_SystemCall("uci set network.iptv=interface");
+    LC_SystemCall("uci commit network");
+    if (uciSetConfig(UCI_NETWORK_FILE, "iptv", "device", "br-iptv") != 0) {
+        log_error("[%s:%d]uciSetConfig UCI_NETWORK_FILE iptv device br-iptv error", __func__, __LINE__);
+        return -1;
+    }
+    if (uciSetConfig(UCI_NETWORK_FILE, "iptv", "type", "bridge") != 0) {
+        log_error("[%s:%d]uciSetConfig UCI_NETWORK_FILE iptv type bridge error", __func__, __LINE__);
+        return -1;
+    }
+    if (plan.portMask == 0)
+        return 0;
+
+    NetworkEdit edit;
+    if (edit.ctx() == nullptr) {
+        log_error("[%s:%d]error uci_alloc_context", __func__, __LINE__);
+        return -1;
+    }
+    bool ok = edit.load(__func__) == 0;
+    for (int i = 0; ok && i < plan.count; ++i) {
+        char plain[IPTV_IFNAME_SIZE];
+        getLanIfname(plan.ports[i], 0, 0, plain);
+        if (publicUciAddList(edit.ctx(), UCI_NETWORK_FILE, "iptv", "ifname", plan.members[i]) != 0) {
+            log_error("[%s:%d]publicUciAddList network.iptv.ifname=%s error", __func__, __LINE__, plan.members[i]);
+            ok = false;
+        } else if (publicUciDelList(edit.ctx(), UCI_NETWORK_FILE, "device", "ifname", plain) != 0) {
+            log_error("[%s:%d]publicUciAddList network.device.ifname=%s error", __func__, __LINE__,
+                      plan.members[i]);
+            ok = false;
+        }
+    }
+    if (ok && publicUciAddList(edit.ctx(), UCI_NETWORK_FILE, "iptv", "ifname", plan.vlanDev) != 0) {
+        log_error("[%s:%d]publicUciAddList UCI_NETWORK_FILE lan ifname %s error", __func__, __LINE__, plan.vlanDev);
+        ok = false;
+    }
+    if (ok && edit.commitThenSave(__func__) != 0)
+        ok = false;
+    if (!ok) {
+        edit.revert();
+        return 0;
+    }
+
+    log_error("[%s:%d]switchCmd [%s] lanCmd [%s] ", __func__, __LINE__, plan.switchCmd, plan.lanCmd);
+    log_error("[%s:%d]switchCmd [%s]", __func__, __LINE__, plan.switchCmd);
+    applyIptvDnsRules(&info);
+    iptvArmNetworkReload();
+    return 0;
+}
+
+int delIptvVlan(IptvInfo oldInfo, int newEnabled, int newVlanId)
+{
+    if (iptvSelectionEmpty(oldInfo)) {
+        log_info("[%s:%d]all param is 0", __func__, __LINE__);
+        return 0;
+    }
+    for (int port = 1; port <= 3; ++port)
+        if (*portFlag(oldInfo, port) == 1)
+            delDnsBrouteRules(port, oldInfo.type, oldInfo.vlanId);
+
+    NetworkEdit edit;
+    if (edit.ctx() == nullptr) {
+        log_error("[%s:%d]error uci_alloc_context", __func__, __LINE__);
+        return -1;
+    }
+    bool ok = edit.load(__func__) == 0;
+    if (ok && publicUciDelSection(edit.ctx(), edit.pkg(), UCI_NETWORK_FILE, "iptv") != 0) {
+        log_error("[%s:%d]publicUciDelSection network.iptv error", __func__, __LINE__);
+        ok = false;
+    }
+    for (int port = 1; ok && port <= 3; ++port) {
+        if (*portFlag(oldInfo, port) != 1)
+            continue;
+        char plain[IPTV_IFNAME_SIZE];
+        getLanIfname(port, 0, 0, plain);
+        if (publicUciAddList(edit.ctx(), UCI_NETWORK_FILE, "device", "ifname", plain) != 0) {
+            if (port == 1)
+                log_error("[%s:%d]publicUciAddList network.device.ifname=lan1 error", __func__, __LINE__);
+            else if (port == 2)
+                log_error("[%s:%d]publicUciAddList network.device.ifname=lan2 error", __func__, __LINE__);
+            else
+                log_error("[%s:%d]publicUciAddList network.device.ifname=lan3 error", __func__, __LINE__);
+            ok = false;
+        }
+    }
+    if (ok && edit.commitThenSave(__func__) != 0)
+        ok = false;
+    if (!ok) {
+        edit.revert();
+        return 0;
+    }
+
+    if (iptvRemoveDropsVlanDevice(oldInfo, newEnabled, newVlanId)) {
+        char cmd[IPTV_CMD_SIZE];
+        iptvFormat(cmd, sizeof cmd, sizeof cmd, "ip link delete dev eth1.%d", oldInfo.vlanId);
+        log_info("[%s:%d]cmd [%s] ", __func__, __LINE__, cmd);
+    }
+    log_info("[%s:%d]setInfo.vlanId [%d]  oldInfo.vlanId [%d] ", __func__, __LINE__, newVlanId, oldInfo.vlanId);
+    if (iptvRemoveArmsReload(oldInfo, newEnabled)) {
+        log_info("[%s:%d]iptv delete  ", __func__, __LINE__);
+        iptvArmNetworkReload();
+    }
+    return 0;
+}
+
+void resetIptvConfig(void)
+{
+    // Every option but type, in this order; a failed write is logged and the next option is still written.
+    static const char *const options[] = {"enabled", "vlanid", "vlan1", "vlan2", "vlan3", "vlan24g", "vlan5g"};
+    for (const char *option : options)
+        if (uciSetConfig(UCI_IPTV_FILE, "main", option, "0") != 0)
+            log_error("[%s:%d]uciSetConfig UCI_MACFILTER_FILE main %s ERROR", __func__, __LINE__, option);
+}
+
+void iptvInit(void)
+{
+    log_info("[%s:%d]in iptvInit", __func__, __LINE__);
+    IptvInfo info{};
+    char text[IPTV_OPT_SIZE];
+
+    static const struct {
+        const char *option;
+        int32_t IptvInfo::*field;
+    } flags[] = {
+        {"enabled", &IptvInfo::enabled},
+        {"vlan1", &IptvInfo::vlan1},
+        {"vlan2", &IptvInfo::vlan2},
+        {"vlan3", &IptvInfo::vlan3},
+    };
+    for (const auto &f : flags) {
+        if (iptvReadOption(f.option, text) && iptvFlagFromText(text))
+            info.*f.field = 1;
+        else
+            log_error("[%s:%d]uciGetConfig UCI_MACFILTER_FILE main %s ERROR", __func__, __LINE__, f.option);
+    }
+
+    if (info.enabled != 1)
+        return;
+    // The rules go on the interfaces that really carry the ports: with the stored type 1 the members are the
+    // lanN.<vlanid> sub-interfaces the apply step put into the bridge, so the stored type and VLAN id are read too.
+    iptvReadMemberShape(&info);
+    applyIptvDnsRules(&info);
+}
