@@ -18,8 +18,8 @@ struct uloop_timeout reloadNetworkTimer = {.cb = reloadNetworkExpired};
 
 static void reloadNetworkExpired(struct uloop_timeout *)
 {
-    log_info("[%s:%d]................................................./etc/init.d/network restart.................................",
-             "reloadNetworkTimer", __LINE__);
+    // The callback carries the timer's name in its log line.
+    log_info("[%s:%d]................................................./etc/init.d/network restart.................................", "reloadNetworkTimer", __LINE__);
     LC_SystemCall("/etc/init.d/network reload");
 }
 
@@ -99,36 +99,29 @@ const int32_t *portFlag(const IptvInfo &info, int port)
 
 } // namespace
 
+// Each command is one literal format, the member name its only argument.
 void addDnsBrouteRules(int port, int type, int vlanId)
 {
     char member[IPTV_IFNAME_SIZE];
     getLanIfname(port, type, vlanId, member);
-    LC_SystemCall("ebtables --concurrent -t broute -I BROUTING -i %s -p ipv4 --ip-proto tcp --ip-dport 53 -j ACCEPT",
-                  member);
-    LC_SystemCall("ebtables --concurrent -t broute -I BROUTING -i %s -p ipv4 --ip-proto udp --ip-dport 53 -j ACCEPT",
-                  member);
-    LC_SystemCall(
-        "ebtables --concurrent -t broute -I BROUTING -i %s -p ipv6 --ip6-proto tcp --ip6-dport 53 -j ACCEPT", member);
-    LC_SystemCall(
-        "ebtables --concurrent -t broute -I BROUTING -i %s -p ipv6 --ip6-proto udp --ip6-dport 53 -j ACCEPT", member);
+    // clang-format off
+    LC_SystemCall("ebtables --concurrent -t broute -I BROUTING -i %s -p ipv4 --ip-proto tcp --ip-dport 53 -j ACCEPT", member);
+    LC_SystemCall("ebtables --concurrent -t broute -I BROUTING -i %s -p ipv4 --ip-proto udp --ip-dport 53 -j ACCEPT", member);
+    LC_SystemCall("ebtables --concurrent -t broute -I BROUTING -i %s -p ipv6 --ip6-proto tcp --ip6-dport 53 -j ACCEPT", member);
+    LC_SystemCall("ebtables --concurrent -t broute -I BROUTING -i %s -p ipv6 --ip6-proto udp --ip6-dport 53 -j ACCEPT", member);
+    // clang-format on
 }
 
 void delDnsBrouteRules(int port, int type, int vlanId)
 {
     char member[IPTV_IFNAME_SIZE];
     getLanIfname(port, type, vlanId, member);
-    LC_SystemCall("ebtables --concurrent -t broute -D BROUTING -i %s -p ipv4 --ip-proto tcp --ip-dport 53 -j ACCEPT "
-                  "2> /dev/null",
-                  member);
-    LC_SystemCall("ebtables --concurrent -t broute -D BROUTING -i %s -p ipv4 --ip-proto udp --ip-dport 53 -j ACCEPT "
-                  "2> /dev/null",
-                  member);
-    LC_SystemCall("ebtables --concurrent -t broute -D BROUTING -i %s -p ipv6 --ip6-proto tcp --ip6-dport 53 -j "
-                  "ACCEPT 2> /dev/null",
-                  member);
-    LC_SystemCall("ebtables --concurrent -t broute -D BROUTING -i %s -p ipv6 --ip6-proto udp --ip6-dport 53 -j "
-                  "ACCEPT 2> /dev/null",
-                  member);
+    // clang-format off
+    LC_SystemCall("ebtables --concurrent -t broute -D BROUTING -i %s -p ipv4 --ip-proto tcp --ip-dport 53 -j ACCEPT 2> /dev/null", member);
+    LC_SystemCall("ebtables --concurrent -t broute -D BROUTING -i %s -p ipv4 --ip-proto udp --ip-dport 53 -j ACCEPT 2> /dev/null", member);
+    LC_SystemCall("ebtables --concurrent -t broute -D BROUTING -i %s -p ipv6 --ip6-proto tcp --ip6-dport 53 -j ACCEPT 2> /dev/null", member);
+    LC_SystemCall("ebtables --concurrent -t broute -D BROUTING -i %s -p ipv6 --ip6-proto udp --ip6-dport 53 -j ACCEPT 2> /dev/null", member);
+    // clang-format on
 }
 
 void applyIptvDnsRules(const IptvInfo *info)
