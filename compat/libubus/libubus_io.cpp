@@ -1,0 +1,495 @@
+// Connection handling of the client library: connect and HELLO, framing of sent and received messages, the
+// uloop read handler, the synchronous wait for a request, and the queue of calls that arrive during that wait.
+#include "libubus_internal.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <time.h>
+
+namespace {
+
+// How long the rest of a message that has started to arrive may take.
+constexpr int kMessageBodyTimeoutMs = 10000;
+
+int64_t now_ms()
+{
+	timespec ts;
+	clock_gettime(CLOCK_MONOTONIC, &ts);
+	return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Reads exactly len bytes from a non-blocking socket, waiting for readiness as needed. The first read may also
+// pick up a descriptor. Returns false on end of file, error or when the peer stalls.
+bool read_exact(int fd, void *buf, size_t len, int *fd_out)
+{
+	uint8_t *p = static_cast<uint8_t *>(buf);
+	while (len > 0) {
+		iovec iov{p, len};
+		msghdr mh{};
+		alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
+		mh.msg_iov = &iov;
+		mh.msg_iovlen = 1;
+		if (fd_out) {
+			mh.msg_control = ctl;
+			mh.msg_controllen = sizeof(ctl);
+		}
+		ssize_t n = recvmsg(fd, &mh, MSG_CMSG_CLOEXEC);
+		if (n == 0)
+			return false;
+		if (n < 0) {
+			if (errno == EINTR)
+				continue;
+			if (errno != EAGAIN && errno != EWOULDBLOCK)
+				return false;
+			pollfd pfd{fd, POLLIN, 0};
+			if (poll(&pfd, 1, kMessageBodyTimeoutMs) <= 0)
+				return false;
+			continue;
+		}
+		if (fd_out && mh.msg_controllen) {
+			for (cmsghdr *c = CMSG_FIRSTHDR(&mh); c; c = CMSG_NXTHDR(&mh, c)) {
+				if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_RIGHTS) {
+					int got;
+					memcpy(&got, CMSG_DATA(c), sizeof(int));
+					if (*fd_out >= 0)
+						close(*fd_out);
+					*fd_out = got;
+				}
+			}
+		}
+		p += n;
+		len -= size_t(n);
+	}
+	return true;
+}
+
+bool header_acceptable(const ubus_msghdr &hdr, uint32_t container_raw)
+{
+	return hdr.version == 0 && container_raw >= sizeof(blob_attr) &&
+	       ((container_raw + 3) & ~3u) <= UBUS_MAX_MSGLEN;
+}
+
+void default_connection_lost(ubus_context *ctx)
+{
+	if (ctx->sock.registered)
+		uloop_end();
+}
+
+void pending_timer_cb(uloop_timeout *t)
+{
+	ubus_context *ctx = container_of(t, ubus_context, pending_timer);
+	ubus_internal::process_pending(ctx);
+}
+
+void handle_data(uloop_fd *u, unsigned int events)
+{
+	(void)events;
+	ubus_context *ctx = container_of(u, ubus_context, sock);
+	ctx->cancel_poll = false;
+	for (;;) {
+		int fd = -1;
+		int r = ubus_internal::read_message(ctx, &fd);
+		if (r < 0) {
+			ubus_internal::disconnected(ctx);
+			return;
+		}
+		if (r == 0)
+			return;
+		ubus_internal::process_message(ctx, &ctx->msgbuf.hdr, ctx->msgbuf.data, fd);
+		if (ctx->cancel_poll)
+			return;	// the connection changed under us (reconnect, shutdown)
+	}
+}
+
+} // namespace
+
+namespace ubus_internal {
+
+blob_buf b;
+
+int read_message(ubus_context *ctx, int *fd)
+{
+	if (ctx->sock.fd < 0)
+		return -1;
+	uint8_t prefix[sizeof(ubus_msghdr) + 4];
+	ubus_msghdr hdr;
+	uint32_t container;
+
+	// Nothing waiting is not an error; a message that has started must then complete.
+	ssize_t n = recv(ctx->sock.fd, &prefix, 1, MSG_PEEK | MSG_DONTWAIT);
+	if (n == 0)
+		return -1;
+	if (n < 0)
+		return (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) ? 0 : -1;
+	if (!read_exact(ctx->sock.fd, prefix, sizeof(prefix), fd))
+		return -1;
+	memcpy(&hdr, prefix, sizeof(hdr));
+	memcpy(&container, prefix + sizeof(hdr), 4);
+
+	uint32_t raw = ntohl(container) & BLOB_ATTR_LEN_MASK;
+	if (!header_acceptable(hdr, raw))
+		return -1;	// the stream can no longer be trusted to be in step
+
+	size_t need = (raw + 3) & ~3u;
+	if (need > ctx->msgbuf_data_len || (ctx->msgbuf_data_len > UBUS_MSG_CHUNK_SIZE && need <= UBUS_MSG_CHUNK_SIZE &&
+					       ++ctx->msgbuf_reduction_counter > 16)) {
+		// Grow in whole chunks; give a large buffer back after a run of small messages.
+		uint32_t size = uint32_t((need + UBUS_MSG_CHUNK_SIZE - 1) / UBUS_MSG_CHUNK_SIZE * UBUS_MSG_CHUNK_SIZE);
+		void *p = realloc(ctx->msgbuf.data, size);
+		if (!p)
+			return -1;
+		ctx->msgbuf.data = static_cast<blob_attr *>(p);
+		ctx->msgbuf_data_len = size;
+		ctx->msgbuf_reduction_counter = 0;
+	} else if (need > UBUS_MSG_CHUNK_SIZE) {
+		ctx->msgbuf_reduction_counter = 0;
+	}
+	ctx->msgbuf.hdr = hdr;
+	memcpy(ctx->msgbuf.data, &container, sizeof(container));
+	if (!read_exact(ctx->sock.fd, reinterpret_cast<uint8_t *>(ctx->msgbuf.data) + 4, raw - 4, nullptr))
+		return -1;
+	return 1;
+}
+
+int send_message(ubus_context *ctx, uint16_t seq, blob_attr *msg, int type, uint32_t peer, int fd)
+{
+	if (ctx->sock.fd < 0)
+		return -1;
+	ubus_msghdr hdr{};
+	hdr.version = 0;
+	hdr.type = uint8_t(type);
+	hdr.seq = htons(seq);
+	hdr.peer = htonl(peer);
+
+	iovec iov[2] = {{&hdr, sizeof(hdr)}, {msg, blob_raw_len(msg)}};
+	size_t total = sizeof(hdr) + blob_raw_len(msg);
+	size_t done = 0;
+	bool fd_sent = fd < 0;
+	while (done < total) {
+		// skip what was already written
+		iovec cur[2];
+		int cnt = 0;
+		size_t skip = done;
+		for (const iovec &v : iov) {
+			if (skip >= v.iov_len) {
+				skip -= v.iov_len;
+				continue;
+			}
+			cur[cnt].iov_base = static_cast<uint8_t *>(v.iov_base) + skip;
+			cur[cnt].iov_len = v.iov_len - skip;
+			skip = 0;
+			cnt++;
+		}
+		msghdr mh{};
+		mh.msg_iov = cur;
+		mh.msg_iovlen = size_t(cnt);
+		alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
+		if (!fd_sent) {
+			mh.msg_control = ctl;
+			mh.msg_controllen = sizeof(ctl);
+			cmsghdr *c = CMSG_FIRSTHDR(&mh);
+			c->cmsg_level = SOL_SOCKET;
+			c->cmsg_type = SCM_RIGHTS;
+			c->cmsg_len = CMSG_LEN(sizeof(int));
+			memcpy(CMSG_DATA(c), &fd, sizeof(int));
+		}
+		ssize_t n = sendmsg(ctx->sock.fd, &mh, MSG_NOSIGNAL);
+		if (n < 0) {
+			if (errno == EINTR)
+				continue;
+			if (errno == EAGAIN || errno == EWOULDBLOCK) {
+				pollfd pfd{ctx->sock.fd, POLLOUT, 0};
+				if (poll(&pfd, 1, -1) < 0 && errno != EINTR)
+					return -1;
+				if (pfd.revents & (POLLERR | POLLHUP))
+					return -1;
+				continue;
+			}
+			return -1;
+		}
+		fd_sent = true;
+		done += size_t(n);
+	}
+	return 0;
+}
+
+void disconnected(ubus_context *ctx)
+{
+	int fd = ctx->sock.fd;
+	ctx->cancel_poll = true;
+	ubus_flush_requests(ctx);
+	if (ctx->connection_lost)
+		ctx->connection_lost(ctx);
+	// Keep a dead socket out of the loop; a reconnect from the callback has already replaced it.
+	if (ctx->sock.fd == fd && ctx->sock.registered)
+		uloop_fd_delete(&ctx->sock);
+	if (ctx->sock.fd == fd)
+		ctx->sock.eof = true;
+}
+
+void start_request(ubus_context *ctx, ubus_request *req, uint32_t peer)
+{
+	memset(req, 0, sizeof(*req));
+	INIT_LIST_HEAD(&req->list);
+	INIT_LIST_HEAD(&req->pending);
+	req->ctx = ctx;
+	req->peer = peer;
+	req->seq = ++ctx->request_seq;
+	req->fd = -1;
+	req->status_code = UBUS_STATUS_NO_DATA;
+}
+
+int send_request(ubus_context *ctx, ubus_request *req, blob_attr *msg, int type, uint32_t peer, int fd)
+{
+	start_request(ctx, req, peer);
+	if (blob_pad_len(msg) > UBUS_MAX_MSGLEN)
+		return -1;
+	return send_message(ctx, req->seq, msg, type, peer, fd);
+}
+
+void request_done(ubus_context *ctx, ubus_request *req, int status)
+{
+	(void)ctx;
+	list_del_init(&req->list);
+	req->status_msg = true;
+	req->status_code = status;
+	if (!req->blocked && req->complete_cb)
+		req->complete_cb(req, status);
+}
+
+} // namespace ubus_internal
+
+using namespace ubus_internal;
+
+int ubus_reconnect(struct ubus_context *ctx, const char *path)
+{
+	if (!path)
+		path = UBUS_UNIX_SOCKET;
+	if (ctx->sock.fd >= 0) {
+		if (ctx->sock.registered)
+			uloop_fd_delete(&ctx->sock);
+		close(ctx->sock.fd);
+		ctx->sock.fd = -1;
+	}
+	ctx->cancel_poll = true;
+	ctx->sock.eof = false;
+	ctx->sock.error = false;
+
+	sockaddr_un sun{};
+	sun.sun_family = AF_UNIX;
+	if (strlen(path) >= sizeof(sun.sun_path))
+		return UBUS_STATUS_CONNECTION_FAILED;
+	strcpy(sun.sun_path, path);
+	int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+	if (fd < 0)
+		return UBUS_STATUS_CONNECTION_FAILED;
+	if (connect(fd, reinterpret_cast<sockaddr *>(&sun), sizeof(sun)) < 0) {
+		close(fd);
+		return UBUS_STATUS_CONNECTION_FAILED;
+	}
+
+	// The daemon greets first: HELLO, whose peer field is our client id.
+	uint8_t prefix[sizeof(ubus_msghdr) + 4];
+	ubus_msghdr hdr;
+	uint32_t raw = 0;
+	bool ok = read_exact(fd, prefix, sizeof(prefix), nullptr);
+	if (ok) {
+		memcpy(&hdr, prefix, sizeof(hdr));
+		memcpy(&raw, prefix + sizeof(hdr), 4);
+		raw = ntohl(raw) & BLOB_ATTR_LEN_MASK;
+		ok = hdr.type == UBUS_MSG_HELLO && header_acceptable(hdr, raw);
+	}
+	if (ok && raw > 4) {
+		void *rest = malloc(raw - 4);
+		ok = rest && read_exact(fd, rest, raw - 4, nullptr);
+		free(rest);
+	}
+	if (!ok) {
+		close(fd);
+		return UBUS_STATUS_UNKNOWN_ERROR;
+	}
+	ctx->local_id = hdr.peer;	// kept in wire order, as it is only ever compared
+	fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+	ctx->sock.fd = fd;
+
+	readd_objects(ctx);
+	return UBUS_STATUS_OK;
+}
+
+int ubus_connect_ctx(struct ubus_context *ctx, const char *path)
+{
+	memset(ctx, 0, sizeof(*ctx));
+	uloop_init();
+	ctx->sock.fd = -1;
+	ctx->sock.cb = handle_data;
+	ctx->connection_lost = default_connection_lost;
+	ctx->pending_timer.cb = pending_timer_cb;
+	INIT_LIST_HEAD(&ctx->requests);
+	INIT_LIST_HEAD(&ctx->pending);
+	INIT_LIST_HEAD(&ctx->auto_subscribers);
+	avl_init(&ctx->objects, compare_ids, false, nullptr);
+	ctx->msgbuf.data = static_cast<blob_attr *>(calloc(1, UBUS_MSG_CHUNK_SIZE));
+	if (!ctx->msgbuf.data)
+		return -1;
+	ctx->msgbuf_data_len = UBUS_MSG_CHUNK_SIZE;
+	if (ubus_reconnect(ctx, path) != UBUS_STATUS_OK) {
+		free(ctx->msgbuf.data);
+		ctx->msgbuf.data = nullptr;
+		return -1;
+	}
+	return 0;
+}
+
+struct ubus_context *ubus_connect(const char *path)
+{
+	ubus_context *ctx = static_cast<ubus_context *>(calloc(1, sizeof(ubus_context)));
+	if (!ctx)
+		return nullptr;
+	if (ubus_connect_ctx(ctx, path)) {
+		free(ctx);
+		return nullptr;
+	}
+	return ctx;
+}
+
+void ubus_shutdown(struct ubus_context *ctx)
+{
+	if (!ctx)
+		return;
+	ctx->cancel_poll = true;
+	if (ctx->sock.registered)
+		uloop_fd_delete(&ctx->sock);
+	if (ctx->sock.fd >= 0)
+		close(ctx->sock.fd);
+	ctx->sock.fd = -1;
+	uloop_timeout_cancel(&ctx->pending_timer);
+	drop_pending(ctx);
+	free(ctx->msgbuf.data);
+	ctx->msgbuf.data = nullptr;
+	ctx->msgbuf_data_len = 0;
+}
+
+void ubus_free(struct ubus_context *ctx)
+{
+	if (!ctx)
+		return;
+	ubus_shutdown(ctx);
+	free(ctx);
+}
+
+void ubus_flush_requests(struct ubus_context *ctx)
+{
+	while (!list_empty(&ctx->requests)) {
+		ubus_request *req = list_first_entry(&ctx->requests, ubus_request, list);
+		request_done(ctx, req, req->blocked ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_TIMEOUT);
+	}
+}
+
+void ubus_complete_request_async(struct ubus_context *ctx, struct ubus_request *req)
+{
+	if (!list_empty(&req->list))
+		return;
+	list_add(&req->list, &ctx->requests);
+}
+
+void ubus_abort_request(struct ubus_context *ctx, struct ubus_request *req)
+{
+	(void)ctx;
+	list_del_init(&req->list);
+	req->cancelled = true;
+}
+
+int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, int timeout)
+{
+	if (list_empty(&req->list) && !req->status_msg)
+		list_add(&req->list, &ctx->requests);
+	bool was_blocked = req->blocked;
+	req->blocked = true;
+	ctx->stack_depth++;
+	int64_t deadline = timeout > 0 ? now_ms() + timeout : 0;
+
+	while (!req->status_msg) {
+		int wait = -1;
+		if (timeout > 0) {
+			int64_t left = deadline - now_ms();
+			if (left <= 0) {
+				list_del_init(&req->list);
+				req->status_msg = true;
+				req->status_code = UBUS_STATUS_TIMEOUT;
+				break;
+			}
+			wait = int(left);
+		}
+		if (ctx->sock.fd < 0 || ctx->sock.eof) {
+			list_del_init(&req->list);
+			req->status_msg = true;
+			req->status_code = UBUS_STATUS_CONNECTION_FAILED;
+			break;
+		}
+		pollfd pfd{ctx->sock.fd, POLLIN, 0};
+		int r = poll(&pfd, 1, wait);
+		if (r <= 0)
+			continue;	// timeout or signal: the deadline check decides
+		int fd = -1;
+		int got = read_message(ctx, &fd);
+		if (got < 0) {
+			if (!req->status_msg) {
+				list_del_init(&req->list);
+				req->status_msg = true;
+				req->status_code = UBUS_STATUS_CONNECTION_FAILED;
+			}
+			disconnected(ctx);
+			break;
+		}
+		if (got > 0)
+			process_message(ctx, &ctx->msgbuf.hdr, ctx->msgbuf.data, fd);
+	}
+
+	ctx->stack_depth--;
+	req->blocked = was_blocked;
+	int status = req->status_code;
+	if (req->complete_cb)
+		req->complete_cb(req, status);
+
+	// Calls that arrived while we waited run now, or from the loop if the socket is in it.
+	if (!ctx->stack_depth && !list_empty(&ctx->pending)) {
+		if (ctx->sock.registered)
+			uloop_timeout_set(&ctx->pending_timer, 1);
+		else
+			process_pending(ctx);
+	}
+	return status;
+}
+
+static const char *const status_texts[] = {
+	"Success",
+	"Invalid command",
+	"Invalid argument",
+	"Method not found",
+	"Not found",
+	"No response",
+	"Permission denied",
+	"Request timed out",
+	"Operation not supported",
+	"Unknown error",
+	"Connection failed",
+	"Out of memory",
+	"Parsing message data failed",
+	"System error",
+};
+
+const char *ubus_strerror(int error)
+{
+	static char buf[32];
+	if (error >= 0 && error < __UBUS_STATUS_LAST)
+		return status_texts[error];
+	snprintf(buf, sizeof(buf), "Unknown error: %d", error);
+	return buf;
+}
