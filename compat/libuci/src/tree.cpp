@@ -1,0 +1,429 @@
+// The in-memory tree: packages, sections, options, list items and deltas, their lists and names.
+#include "internal.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace uci_impl {
+
+static bool is_alnum(unsigned char c)
+{
+	return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+}
+
+bool valid_name(std::string_view s)
+{
+	if (s.empty())
+		return false;
+	for (unsigned char c : s)
+		if (!is_alnum(c) && c != '_')
+			return false;
+	return true;
+}
+
+bool valid_package_name(std::string_view s)
+{
+	if (s.empty())
+		return false;
+	for (unsigned char c : s)
+		if (!is_alnum(c) && c != '_' && c != '-')
+			return false;
+	return true;
+}
+
+bool valid_package_ref(std::string_view s)
+{
+	if (s.empty())
+		return false;
+	for (unsigned char c : s)
+		if (c < 33 || c > 126 || c == '.')
+			return false;
+	return true;
+}
+
+bool valid_type(std::string_view s)
+{
+	if (s.empty())
+		return false;
+	for (unsigned char c : s)
+		if (c < 33 || c > 126)
+			return false;
+	return true;
+}
+
+bool valid_text(std::string_view s)
+{
+	for (unsigned char c : s)
+		if (c < 32 && c != '\t' && c != '\n' && c != '\r')
+			return false;
+	return true;
+}
+
+char *dup_string(std::string_view s)
+{
+	char *r = static_cast<char *>(malloc(s.size() + 1));
+	if (!r)
+		fail(UCI_ERR_MEM);
+	memcpy(r, s.data(), s.size());
+	r[s.size()] = 0;
+	return r;
+}
+
+template <class T>
+static T *alloc_zeroed()
+{
+	T *r = static_cast<T *>(calloc(1, sizeof(T)));
+	if (!r)
+		fail(UCI_ERR_MEM);
+	return r;
+}
+
+void list_init(uci_list *l) { l->next = l->prev = l; }
+
+void list_insert_before(uci_list *pos, uci_list *item)
+{
+	item->prev = pos->prev;
+	item->next = pos;
+	pos->prev->next = item;
+	pos->prev = item;
+}
+
+void list_add_tail(uci_list *head, uci_list *item) { list_insert_before(head, item); }
+
+void list_del(uci_list *item)
+{
+	item->prev->next = item->next;
+	item->next->prev = item->prev;
+	list_init(item);
+}
+
+// ---- packages ----
+
+uci_package *package_new(uci_context *ctx, std::string_view name)
+{
+	uci_package *p = alloc_zeroed<uci_package>();
+	p->e.type = UCI_TYPE_PACKAGE;
+	list_init(&p->e.list);
+	list_init(&p->sections);
+	list_init(&p->delta);
+	list_init(&p->saved_delta);
+	p->ctx = ctx;
+	p->backend = ctx->backend;
+	try {
+		p->e.name = dup_string(name);
+		p->priv = new PackageIndex;
+	} catch (...) {
+		free(p->e.name);
+		free(p);
+		throw;
+	}
+	return p;
+}
+
+void package_free(uci_package *p)
+{
+	if (!p)
+		return;
+	list_del(&p->e.list);
+	uci_element *e, *tmp;
+	uci_foreach_element_safe(&p->sections, tmp, e)
+		section_free(uci_to_section(e));
+	delta_list_free(&p->delta);
+	delta_list_free(&p->saved_delta);
+	delete index_of(p);
+	free(p->path);
+	free(p->e.name);
+	free(p);
+}
+
+// ---- sections ----
+
+// DJB hash of the type, as the anonymous names use it.
+static uint32_t type_hash(std::string_view type)
+{
+	uint32_t h = 5381;
+	for (char c : type)
+		h = h * 33 + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
+	return h & 0x7fffffff;
+}
+
+static void index_add(uci_section *s)
+{
+	index_of(s->package)->by_name.emplace(std::string_view(s->e.name), s);
+}
+
+static void index_remove(uci_section *s)
+{
+	auto &m = index_of(s->package)->by_name;
+	auto range = m.equal_range(std::string_view(s->e.name));
+	for (auto it = range.first; it != range.second; ++it) {
+		if (it->second == s) {
+			m.erase(it);
+			return;
+		}
+	}
+}
+
+uci_section *section_new(uci_package *p, std::string_view type, std::string_view name)
+{
+	uci_section *s = alloc_zeroed<uci_section>();
+	s->e.type = UCI_TYPE_SECTION;
+	list_init(&s->e.list);
+	list_init(&s->options);
+	s->package = p;
+	p->n_section++;
+	try {
+		s->type = dup_string(type);
+		if (name.empty()) {
+			char buf[32];
+			snprintf(buf, sizeof buf, "cfg%02x%04x", static_cast<unsigned>(p->n_section),
+				static_cast<unsigned>(type_hash(type) % 0x10000));
+			s->anonymous = true;
+			s->e.name = dup_string(buf);
+		} else {
+			s->e.name = dup_string(name);
+		}
+		index_add(s);
+	} catch (...) {
+		free(s->type);
+		free(s->e.name);
+		free(s);
+		throw;
+	}
+	list_add_tail(&p->sections, &s->e.list);
+	return s;
+}
+
+void section_free(uci_section *s)
+{
+	index_remove(s);
+	list_del(&s->e.list);
+	uci_element *e, *tmp;
+	uci_foreach_element_safe(&s->options, tmp, e)
+		option_free(uci_to_option(e));
+	free(s->type);
+	free(s->e.name);
+	free(s);
+}
+
+void section_set_type(uci_section *s, std::string_view type)
+{
+	char *t = dup_string(type);
+	free(s->type);
+	s->type = t;
+}
+
+void section_rename(uci_section *s, std::string_view name)
+{
+	char *n = dup_string(name);
+	index_remove(s);
+	free(s->e.name);
+	s->e.name = n;
+	try {
+		index_add(s);
+	} catch (...) {
+		// The index is only a cache of the list; a section missing from it is still found by find_section.
+	}
+}
+
+uci_section *find_section(uci_package *p, std::string_view name)
+{
+	auto &m = index_of(p)->by_name;
+	auto range = m.equal_range(name);
+	if (range.first == range.second) {
+		// Not indexed (an insertion that ran out of memory): fall back to the list.
+		uci_element *e;
+		uci_foreach_element(&p->sections, e)
+			if (name == e->name)
+				return uci_to_section(e);
+		return nullptr;
+	}
+	auto second = range.first;
+	if (++second == range.second)
+		return range.first->second;
+	// Several sections carry that name (written so by another tool): the first in file order wins.
+	uci_element *e;
+	uci_foreach_element(&p->sections, e)
+		if (name == e->name)
+			return uci_to_section(e);
+	return nullptr;
+}
+
+// ---- options ----
+
+static uci_option *option_alloc(uci_section *s, std::string_view name)
+{
+	uci_option *o = alloc_zeroed<uci_option>();
+	o->e.type = UCI_TYPE_OPTION;
+	list_init(&o->e.list);
+	o->section = s;
+	try {
+		o->e.name = dup_string(name);
+	} catch (...) {
+		free(o);
+		throw;
+	}
+	return o;
+}
+
+uci_option *option_new_string(uci_section *s, std::string_view name, std::string_view value)
+{
+	uci_option *o = option_alloc(s, name);
+	o->type = UCI_TYPE_STRING;
+	try {
+		o->v.string = dup_string(value);
+	} catch (...) {
+		free(o->e.name);
+		free(o);
+		throw;
+	}
+	list_add_tail(&s->options, &o->e.list);
+	return o;
+}
+
+uci_option *option_new_list(uci_section *s, std::string_view name)
+{
+	uci_option *o = option_alloc(s, name);
+	o->type = UCI_TYPE_LIST;
+	list_init(&o->v.list);
+	list_add_tail(&s->options, &o->e.list);
+	return o;
+}
+
+static void free_items(uci_list *items)
+{
+	uci_element *e, *tmp;
+	uci_foreach_element_safe(items, tmp, e) {
+		list_del(&e->list);
+		free(e->name);
+		free(e);
+	}
+}
+
+void option_free(uci_option *o)
+{
+	list_del(&o->e.list);
+	if (o->type == UCI_TYPE_STRING)
+		free(o->v.string);
+	else
+		free_items(&o->v.list);
+	free(o->e.name);
+	free(o);
+}
+
+void option_set_string(uci_option *o, std::string_view value)
+{
+	char *v = dup_string(value);
+	if (o->type == UCI_TYPE_STRING)
+		free(o->v.string);
+	else
+		free_items(&o->v.list);
+	o->type = UCI_TYPE_STRING;
+	o->v.string = v;
+}
+
+static uci_element *item_new(std::string_view value)
+{
+	uci_element *e = alloc_zeroed<uci_element>();
+	e->type = UCI_TYPE_ITEM;
+	list_init(&e->list);
+	try {
+		e->name = dup_string(value);
+	} catch (...) {
+		free(e);
+		throw;
+	}
+	return e;
+}
+
+void option_make_list(uci_option *o)
+{
+	if (o->type == UCI_TYPE_LIST)
+		return;
+	uci_element *item = item_new(o->v.string);
+	free(o->v.string);
+	o->type = UCI_TYPE_LIST;
+	list_init(&o->v.list);
+	list_add_tail(&o->v.list, &item->list);
+}
+
+void option_append_item(uci_option *o, std::string_view value)
+{
+	uci_element *item = item_new(value);
+	list_add_tail(&o->v.list, &item->list);
+}
+
+void option_rename(uci_option *o, std::string_view name)
+{
+	char *n = dup_string(name);
+	free(o->e.name);
+	o->e.name = n;
+}
+
+uci_option *find_option(uci_section *s, std::string_view name)
+{
+	uci_element *e;
+	uci_foreach_element(&s->options, e)
+		if (name == e->name)
+			return uci_to_option(e);
+	return nullptr;
+}
+
+// ---- deltas and paths ----
+
+uci_delta *delta_new(uci_command cmd, const char *section, const char *option, const char *value)
+{
+	uci_delta *d = alloc_zeroed<uci_delta>();
+	d->e.type = UCI_TYPE_DELTA;
+	list_init(&d->e.list);
+	d->cmd = cmd;
+	try {
+		d->section = section ? dup_string(section) : nullptr;
+		d->e.name = option ? dup_string(option) : nullptr;
+		d->value = value ? dup_string(value) : nullptr;
+	} catch (...) {
+		delta_free(d);
+		throw;
+	}
+	return d;
+}
+
+void delta_free(uci_delta *d)
+{
+	list_del(&d->e.list);
+	free(d->section);
+	free(d->e.name);
+	free(d->value);
+	free(d);
+}
+
+void delta_list_free(uci_list *list)
+{
+	uci_element *e, *tmp;
+	uci_foreach_element_safe(list, tmp, e)
+		delta_free(uci_to_delta(e));
+}
+
+uci_element *path_new(std::string_view dir)
+{
+	uci_element *e = alloc_zeroed<uci_element>();
+	e->type = UCI_TYPE_PATH;
+	list_init(&e->list);
+	try {
+		e->name = dup_string(dir);
+	} catch (...) {
+		free(e);
+		throw;
+	}
+	return e;
+}
+
+void path_free(uci_element *e)
+{
+	list_del(&e->list);
+	free(e->name);
+	free(e);
+}
+
+}  // namespace uci_impl
