@@ -79,6 +79,8 @@ bool macEntryUsable(MacFilterEntry *entry);
 // Reads a stored list ("macFilter.blacklist.deny" or "macFilter.whitelist.allow") into list, logging under the
 // caller's function name; returns the number of pieces (at most 32), 0 when the list is empty or unreadable.
 int macFilterListRead(const char *func, const char *path, MacFilterEntry list[MACFILTER_MAX_ENTRIES]);
+// The list value of an entry: "MAC/name", cut to 63 characters.
+void macEntryLine(char (&line)[MACFILTER_ENTRY_LEN + 1], const MacFilterEntry &entry);
 // The model a curmode text stands for: "deny" 1, "allow" 2, anything else 0.
 int macFilterModelOf(const char *curmode);
 

@@ -1,6 +1,7 @@
 // MAC address texts and the parsing of stored and agent lists. Everything here works in caller-owned buffers.
 #include "macfilter.h"
 
+#include <stdio.h>
 #include <string.h>
 
 #include "routeutils/routeutils.h"
@@ -111,6 +112,11 @@ void macEntrySplit(const char *piece, size_t macLen, MacFilterEntry *entry)
 bool macEntryUsable(MacFilterEntry *entry)
 {
     return entry->mac[0] != '\0' && entry->name[0] != '\0' && macToUpper(entry->mac) == 0;
+}
+
+void macEntryLine(char (&line)[MACFILTER_ENTRY_LEN + 1], const MacFilterEntry &entry)
+{
+    snprintf(line, sizeof line, "%.17s/%.44s", entry.mac, entry.name);
 }
 
 int macFilterListRead(const char *func, const char *path, MacFilterEntry list[MACFILTER_MAX_ENTRIES])

@@ -238,7 +238,7 @@ int addMacFilterListHandler(int model, MacFilterEntry *entry)
     }
 
     char line[MACFILTER_ENTRY_LEN + 1] = {};
-    snprintf(line, sizeof line, "%s/%s", entry->mac, entry->name);
+    macEntryLine(line, *entry);
 
     if (setStaNameToStaList(entry->mac, entry->name) > 0)
         log_error("[%s:%d]setStaNameToStaList ERROR", __func__, __LINE__);
@@ -284,7 +284,7 @@ int addMacFilterListHandler(int model, MacFilterEntry *entry)
 int delMacFilterListHandler(int model, MacFilterEntry *entry)
 {
     char line[MACFILTER_ENTRY_LEN + 1] = {};
-    snprintf(line, sizeof line, "%s/%s", entry->mac, entry->name);
+    macEntryLine(line, *entry);
     log_info("[%s:%d]ready to delete config listLine:%s", __func__, __LINE__, line);
 
     if (model == MACFILTER_MODEL_BLACK) {

@@ -312,7 +312,7 @@ int zelmad_handle_set_macfilter(struct ubus_context *ctx, struct ubus_object *, 
         }
         for (int i = 0; i < count; ++i) {
             char line[MACFILTER_ENTRY_LEN + 1] = {};
-            snprintf(line, sizeof line, "%s/%s", entries[i].mac, entries[i].name);
+            macEntryLine(line, entries[i]);
             if (black) {
                 if (uciAddList(UCI_MACFILTER_FILE, "blacklist", "deny", line) != 0) {
                     log_error("[%s:%d]uciAddList UCI_MACFILTER_FILE blacklist deny ERROR", __func__, __LINE__);
