@@ -48,7 +48,8 @@ inline const blobmsg_policy echo_policy[] = {
 	[ECHO_MSG] = {"msg", BLOBMSG_TYPE_STRING},
 };
 inline const blobmsg_policy status_policy[] = {{"code", BLOBMSG_TYPE_INT32}};
-inline const blobmsg_policy call_policy[] = {{"path", BLOBMSG_TYPE_STRING}, {"method", BLOBMSG_TYPE_STRING}};
+inline const blobmsg_policy call_policy[] = {
+	{"path", BLOBMSG_TYPE_STRING}, {"method", BLOBMSG_TYPE_STRING}, {"timeout", BLOBMSG_TYPE_INT32}};
 
 // Replies with exactly the members it was called with.
 inline int echo(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg)
@@ -199,8 +200,8 @@ inline void forward_reply(ubus_request *r, int, blob_attr *msg)
 // Calls another object from inside the handler and passes its replies and status on.
 inline int call(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg)
 {
-	blob_attr *tb[2];
-	blobmsg_parse(call_policy, 2, tb, blob_data(msg), unsigned(blob_len(msg)));
+	blob_attr *tb[3];
+	blobmsg_parse(call_policy, 3, tb, blob_data(msg), unsigned(blob_len(msg)));
 	if (!tb[0] || !tb[1])
 		return UBUS_STATUS_INVALID_ARGUMENT;
 	uint32_t id;
@@ -208,7 +209,8 @@ inline int call(ubus_context *ctx, ubus_object *, ubus_request_data *req, const 
 	if (ret)
 		return ret;
 	std::string method = blobmsg_get_string(tb[1]);	// read before and after the nested call
-	ret = ubus_invoke(ctx, id, method.c_str(), nullptr, forward_reply, req, 2000);
+	int timeout = tb[2] ? int(blobmsg_get_u32(tb[2])) : 2000;
+	ret = ubus_invoke(ctx, id, method.c_str(), nullptr, forward_reply, req, timeout);
 	if (method != blobmsg_get_string(tb[1]))
 		return UBUS_STATUS_UNKNOWN_ERROR;
 	return ret;
