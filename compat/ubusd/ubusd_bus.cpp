@@ -313,7 +313,7 @@ void Bus::remove_client(Client *cl)
 
 void Bus::queue(Client &cl, std::vector<uint8_t> bytes, int fd)
 {
-	if (cl.txq_bytes + bytes.size() > kMaxTxQueue) {
+	if (!cl.txq.empty() && cl.txq_bytes + bytes.size() > kMaxTxQueue) {
 		// A client that does not read loses what does not fit; the bus itself carries on.
 		int dropped = fd;
 		close_fd(dropped);
@@ -350,7 +350,7 @@ void Bus::monitor(Client &cl, bool send, const uint8_t *frame, size_t len)
 		size_t body = std::min(len, kHeaderLen + raw);
 		b.put(MONITOR_DATA, frame + kPrefixLen, body > kPrefixLen ? body - kPrefixLen : 0);
 		std::vector<uint8_t> bytes = b.finish();
-		if (mon->txq_bytes + bytes.size() > kMaxTxQueue)
+		if (!mon->txq.empty() && mon->txq_bytes + bytes.size() > kMaxTxQueue)
 			continue;
 		mon->txq_bytes += bytes.size();
 		mon->txq.push_back(Frame{std::move(bytes), -1});
