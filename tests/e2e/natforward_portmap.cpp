@@ -4,6 +4,11 @@
 
 #include <gmock/gmock.h>
 
+#include <libubus.h>
+extern "C" {
+#include <libubox/blobmsg_json.h>
+}
+
 using namespace natforward_e2e;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -318,4 +323,82 @@ TEST_F(NatPortMap, OversizedMapListsAreRefused)
         entries.push_back(portEntry("m" + std::to_string(i), 0, "10.0.0.1", 80, 1 + i));
     EXPECT_EQ(mod(modRequest(entries, 1)).reply, R"({"result":true})");
     EXPECT_EQ(numbersOf(get().reply, "PmapID").size(), 32u);
+}
+
+namespace {
+
+// Calls RTPortMap straight through libubus, for messages too large for a command line.
+class DirectCall {
+public:
+    DirectCall()
+    {
+        uloop_handle_sigchld = false; // the fixture waits for its own children
+        ctx_ = ubus_connect(nullptr);
+    }
+    ~DirectCall()
+    {
+        if (ctx_ != nullptr)
+            ubus_free(ctx_);
+        uloop_done();
+    }
+    // The reply as compact JSON, or "status <n>" when the call itself failed.
+    std::string call(const char *method, blob_attr *msg)
+    {
+        uint32_t id = 0;
+        if (ctx_ == nullptr || ubus_lookup_id(ctx_, "RTPortMap", &id) != 0)
+            return "no bus";
+        std::string reply;
+        const int status = ubus_invoke(ctx_, id, method, msg, onData, &reply, 20000);
+        return status == 0 ? reply : "status " + std::to_string(status);
+    }
+
+private:
+    static void onData(ubus_request *req, int, blob_attr *msg)
+    {
+        char *json = blobmsg_format_json(msg, true);
+        if (json != nullptr)
+            *static_cast<std::string *>(req->priv) = json;
+        free(json);
+    }
+    ubus_context *ctx_ = nullptr;
+};
+
+// A one-entry add request whose name and address are given.
+void addRequest(blob_buf *b, const std::string &name, const std::string &ip, uint32_t externalPort)
+{
+    blob_buf_init(b, 0);
+    void *list = blobmsg_open_array(b, "MapList");
+    void *entry = blobmsg_open_table(b, nullptr);
+    blobmsg_add_string(b, "Name", name.c_str());
+    blobmsg_add_u32(b, "Protocol", 0);
+    blobmsg_add_string(b, "InternalIP", ip.c_str());
+    blobmsg_add_u32(b, "InternalPort", 80);
+    blobmsg_add_u32(b, "ExternalPort", externalPort);
+    blobmsg_close_table(b, entry);
+    blobmsg_close_array(b, list);
+    blobmsg_add_u32(b, "Operation", 1);
+}
+
+} // namespace
+
+TEST_F(NatPortMap, MegabyteTextsAreCut)
+{
+    start();
+    DirectCall bus;
+    blob_buf b{};
+    addRequest(&b, std::string(1000000, 'N'), "10.0.0.1", 8080);
+    EXPECT_EQ(bus.call("modPortMapping", b.head), R"({"result":true})");
+    addRequest(&b, "big-ip", std::string(1000000, '9'), 8081);
+    EXPECT_EQ(bus.call("modPortMapping", b.head), R"({"result":true})");
+    blob_buf_free(&b);
+
+    const auto red = redirects(firewall());
+    ASSERT_EQ(red.size(), 4u);
+    EXPECT_EQ(optionOf(red[0], "name"), std::string(64, 'N'));
+    EXPECT_EQ(optionOf(red[2], "dest_ip"), std::string(15, '9'));
+    EXPECT_EQ(bus.call("getPortMapping", nullptr),
+              R"({"params":{"List":[{"Name":"big-ip","ExternalPort":8081,"InternalIP":"999999999999999",)"
+              R"("InternalPort":80,"Protocol":0,"PmapID":2},{"Name":")" + std::string(64, 'N') +
+                  R"(","ExternalPort":8080,"InternalIP":"10.0.0.1","InternalPort":80,"Protocol":0,"PmapID":1}]},)"
+                  R"("result":true})");
 }
