@@ -298,11 +298,8 @@ Command formatCommand(const CommandFormat &format, ArgumentSource &args, const s
             cmd.line += e.text;
             pos += e.text.size();
         } else if (e.word < 0) {
-            for (char c : e.text) {
-                if (pos < kCommandLineMax)
-                    cmd.line += c;
-                ++pos;
-            }
+            cmd.line += e.text;  // blanks between words: no argument, so nothing to cut
+            pos += e.text.size();
         } else {
             emit(e.word, e.kind == Kind::Conversion ? args.next(e.conversion) : e.text);
         }
