@@ -545,6 +545,11 @@ TEST(UboxCheck, BlobParseUntrustedLastWinsAndStaysInBounds)
 	Exact z(zero);
 	EXPECT_EQ(blob_parse_untrusted(z.attr(), z.n, tb, nullptr, 4), 0);
 
+	// a child shorter than its own header ends the walk before its type is checked
+	auto shorty = unhex("0000000c 02000002 00000000");
+	Exact sh(shorty);
+	EXPECT_EQ(blob_parse_untrusted(sh.attr(), sh.n, tb, info, 4), 0);
+
 	// blob_check_type: exact integer widths, double at least 8, string NUL-terminated
 	const uint8_t bytes[9] = {1, 2, 3, 4, 5, 6, 7, 8, 0};
 	EXPECT_TRUE(blob_check_type(bytes, 1, BLOB_ATTR_INT8));

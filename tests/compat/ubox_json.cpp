@@ -4,7 +4,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <memory>
+#include <vector>
 #include <string>
 
 #include <unistd.h>
@@ -151,6 +154,17 @@ TEST(UboxJson, ScalarPrinting)
 		  "\"e\":\"\\b\\n\\t\\r\\\"\\\\\\u000c\\u0001\\u001f/\x7f\xc3\xa9\"}");
 }
 
+TEST(UboxJson, LargeDoublesPrintInFull)
+{
+	Buf b;
+	blobmsg_add_double(&b, "d", 1e300);
+	std::string out = compact(b.b.head);
+	// 301 integer digits and six decimals, never cut short
+	ASSERT_EQ(out.size(), std::string("{\"d\":").size() + 301 + 7 + 1) << out;
+	EXPECT_EQ(out.substr(out.size() - 8), ".000000}");
+	EXPECT_EQ(out.substr(0, 6), "{\"d\":1");
+}
+
 TEST(UboxJson, ListAndElementForms)
 {
 	Buf b;
@@ -255,6 +269,15 @@ TEST(UboxJson, InvalidElementsAreLeftOut)
 	EXPECT_NE(out.find("\"a\":1"), std::string::npos) << out;
 	EXPECT_NE(out.find("\"b\":2"), std::string::npos) << out;
 	EXPECT_EQ(out.find("\"k\""), std::string::npos) << out;
+
+	// a non-extended INT16 with no value passes the attribute check but cannot be printed
+	Buf n;
+	const uint8_t empty16[] = {0x06, 0, 0, 4};
+	blob_put_raw(&n, empty16, 4);
+	std::vector<uint8_t> exact((uint8_t *)n.b.head, (uint8_t *)n.b.head + blob_raw_len(n.b.head));
+	std::unique_ptr<uint8_t[]> heap(new uint8_t[exact.size()]);
+	memcpy(heap.get(), exact.data(), exact.size());
+	EXPECT_EQ(compact((blob_attr *)heap.get()), "{}");
 }
 
 } // namespace

@@ -231,6 +231,9 @@ blob_parse_region(struct blob_attr *attr, size_t rem, struct blob_attr **data,
 	__blob_for_each_attr(pos, blob_data(attr), rem) {
 		int id = (int)blob_id(pos);
 
+		/* shorter than its own header: nothing after it can be trusted */
+		if (blob_raw_len(pos) < sizeof(struct blob_attr))
+			break;
 		if (id >= max)
 			continue;
 		if (info && !blob_check_info(&info[id], pos))

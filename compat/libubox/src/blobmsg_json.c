@@ -202,6 +202,30 @@ sb_string(struct strbuf *s, const char *str)
 
 static void format_element(struct strbuf *s, struct blob_attr *attr, bool without_name);
 
+/*
+ * blobmsg_check_attr passes a non-extended attribute without looking at its
+ * value, so the printer checks that the value really holds what its type needs.
+ */
+static bool
+value_fits(int type, const void *data, size_t len)
+{
+	switch (type) {
+	case BLOBMSG_TYPE_INT8:
+		return len >= 1;
+	case BLOBMSG_TYPE_INT16:
+		return len >= 2;
+	case BLOBMSG_TYPE_INT32:
+		return len >= 4;
+	case BLOBMSG_TYPE_INT64:
+	case BLOBMSG_TYPE_DOUBLE:
+		return len >= 8;
+	case BLOBMSG_TYPE_STRING:
+		return len >= 1 && memchr(data, 0, len) != NULL;
+	default:
+		return true;
+	}
+}
+
 static void
 format_list(struct strbuf *s, struct blob_attr *data, size_t len, bool array)
 {
@@ -228,12 +252,16 @@ format_list(struct strbuf *s, struct blob_attr *data, size_t len, bool array)
 static void
 format_element(struct strbuf *s, struct blob_attr *attr, bool without_name)
 {
-	char num[64];
+	char num[400];	/* "%lf" of the largest double is 317 characters */
 	const char *custom = NULL;
 	void *data;
 	size_t len;
 
 	if (!blobmsg_check_attr(attr, false))
+		return;
+	data = blobmsg_data(attr);
+	len = blobmsg_data_len(attr);
+	if (!value_fits((int)blob_id(attr), data, len))
 		return;
 
 	if (!without_name && blob_is_extended(attr) && blobmsg_name(attr)[0]) {
@@ -248,8 +276,6 @@ format_element(struct strbuf *s, struct blob_attr *attr, bool without_name)
 		return;
 	}
 
-	data = blobmsg_data(attr);
-	len = blobmsg_data_len(attr);
 	switch (blob_id(attr)) {
 	case BLOBMSG_TYPE_UNSPEC:
 		sb_puts(s, "null");
