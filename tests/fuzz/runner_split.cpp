@@ -64,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             expected[static_cast<std::size_t>(e.word)] += e.text;
             concatenated += e.text;
         } else if (e.kind == Kind::Conversion) {
-            if (e.word < 0 || e.conversion.spec.empty() || e.conversion.spec[0] != '%')
+            if (e.word < 0 || e.conversion.directive.empty() || e.conversion.directive[0] != '%')
                 fail("bad conversion");
             expected[static_cast<std::size_t>(e.word)] += args.text;
             concatenated += args.text;

@@ -89,7 +89,7 @@ std::size_t readConversion(const char *fmt, std::size_t i, Conversion &conv, boo
         return 0;
     }
     conv.kind = k;
-    conv.spec.assign(fmt + start, i + 1 - start);
+    conv.directive.assign(fmt + start, i + 1 - start);
     return i + 1;
 }
 
@@ -325,9 +325,9 @@ std::string formatOne(const Conversion &c, int nstars, const int *stars, T value
     char small[128];
     int n = 0;
     switch (nstars) {
-    case 0: n = std::snprintf(small, sizeof small, c.spec.c_str(), value); break;
-    case 1: n = std::snprintf(small, sizeof small, c.spec.c_str(), stars[0], value); break;
-    default: n = std::snprintf(small, sizeof small, c.spec.c_str(), stars[0], stars[1], value); break;
+    case 0: n = std::snprintf(small, sizeof small, c.directive.c_str(), value); break;
+    case 1: n = std::snprintf(small, sizeof small, c.directive.c_str(), stars[0], value); break;
+    default: n = std::snprintf(small, sizeof small, c.directive.c_str(), stars[0], stars[1], value); break;
     }
     if (n < 0)
         return {};
@@ -335,9 +335,9 @@ std::string formatOne(const Conversion &c, int nstars, const int *stars, T value
         return std::string(small, static_cast<std::size_t>(n));
     std::string big(static_cast<std::size_t>(n) + 1, '\0');
     switch (nstars) {
-    case 0: std::snprintf(big.data(), big.size(), c.spec.c_str(), value); break;
-    case 1: std::snprintf(big.data(), big.size(), c.spec.c_str(), stars[0], value); break;
-    default: std::snprintf(big.data(), big.size(), c.spec.c_str(), stars[0], stars[1], value); break;
+    case 0: std::snprintf(big.data(), big.size(), c.directive.c_str(), value); break;
+    case 1: std::snprintf(big.data(), big.size(), c.directive.c_str(), stars[0], value); break;
+    default: std::snprintf(big.data(), big.size(), c.directive.c_str(), stars[0], stars[1], value); break;
     }
     big.resize(static_cast<std::size_t>(n));
     return big;

@@ -16,7 +16,7 @@ inline constexpr std::size_t kCommandLineMax = 127;
 // One printf conversion of a format ("%s", "%-5d", "%*.*lu", ...).
 struct Conversion {
     enum class Length { None, hh, h, l, ll, j, z, t, L };
-    std::string spec;   // the conversion as written, '%' to the conversion character
+    std::string directive;  // the conversion as written, '%' to the conversion character
     char kind = 's';    // d i u o x X c s p e E f F g G a A
     Length length = Length::None;
     int stars = 0;      // '*' width and/or precision, each taking an int argument before the value
