@@ -463,7 +463,7 @@ uloop_interval_cb(struct uloop_fd *fd, unsigned int events)
 int
 uloop_interval_set(struct uloop_interval *timer, unsigned int msecs)
 {
-	struct itimerspec spec;
+	struct itimerspec its;
 
 	if (!timer->priv.ufd.registered) {
 		int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
@@ -477,12 +477,12 @@ uloop_interval_set(struct uloop_interval *timer, unsigned int msecs)
 			return -1;
 		}
 	}
-	memset(&spec, 0, sizeof(spec));
-	spec.it_value.tv_sec = msecs / 1000;
-	spec.it_value.tv_nsec = (long)(msecs % 1000) * 1000000L;
-	spec.it_interval = spec.it_value;
+	memset(&its, 0, sizeof(its));
+	its.it_value.tv_sec = msecs / 1000;
+	its.it_value.tv_nsec = (long)(msecs % 1000) * 1000000L;
+	its.it_interval = its.it_value;
 	timer->expirations = 0;
-	return timerfd_settime(timer->priv.ufd.fd, 0, &spec, NULL);
+	return timerfd_settime(timer->priv.ufd.fd, 0, &its, NULL);
 }
 
 int
@@ -499,13 +499,13 @@ uloop_interval_cancel(struct uloop_interval *timer)
 int64_t
 uloop_interval_remaining(struct uloop_interval *timer)
 {
-	struct itimerspec spec;
+	struct itimerspec its;
 
 	if (!timer->priv.ufd.registered)
 		return -1;
-	if (timerfd_gettime(timer->priv.ufd.fd, &spec) < 0)
+	if (timerfd_gettime(timer->priv.ufd.fd, &its) < 0)
 		return -1;
-	return (int64_t)spec.it_value.tv_sec * 1000 + spec.it_value.tv_nsec / 1000000;
+	return (int64_t)its.it_value.tv_sec * 1000 + its.it_value.tv_nsec / 1000000;
 }
 
 int
