@@ -31,9 +31,9 @@ TEST_F(MacFilterTest, BlackListEntryIsAddedReportedRefusedTwiceAndRemoved)
     EXPECT_TRUE(
         logHas("error", "addFirewallRuleByMacFilterConfig", "uciGetStr macFilter.blacklist.deny error or null"));
 
-    // A lower-case MAC is stored, ruled and blocked in upper case.
+    // A lower-case MAC is stored, ruled and blocked in upper case; text past 17 characters never reaches a command.
     clearJournal();
-    r = call("RTMacFilter", "addMacFilterList", macListRequest(1, 1, "tv", "aa:bb:cc:dd:ee:01"));
+    r = call("RTMacFilter", "addMacFilterList", macListRequest(1, 1, "tv", "aa:bb:cc:dd:ee:01;reboot $(id) `id`'\""));
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.reply, R"({"result":true})");
     EXPECT_EQ(uciGet("macFilter.blacklist.deny"), "AA:BB:CC:DD:EE:01/tv");
