@@ -1,0 +1,319 @@
+// The UPnP switch (RTUpnp) and the start-up restore of the UPnP service and the DMZ rule. The switch lives in
+// option _init of the first "upnpd" section of package upnpd; the DMZ setting in the first "dmz" section of
+// package dmz, which other programs write and this daemon only reads.
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+extern "C" {
+#include <libubox/blobmsg.h>
+}
+
+#include "gwconf.h"
+#include "routeutils/routeutils.h"
+#include "uciconfig.h"
+#include "upnp.h"
+
+namespace {
+
+constexpr const char *kUpnpdType = "upnpd";
+constexpr const char *kDmzType = "dmz";
+
+const struct blobmsg_policy s_setUpnpStatusPolicy[__E_SETUPNPSTATUS_MAX] = {
+    [E_SETUPNPSTATUS_ENABLE] = {.name = "Enable", .type = BLOBMSG_TYPE_INT32},
+};
+
+const struct ubus_method s_rtUpnpMethods[] = {
+    UBUS_METHOD("setUpnpStatus", NatForward_setUpnpStatus, s_setUpnpStatusPolicy),
+    UBUS_METHOD_NOARG("getUpnpStatus", NatForward_getUpnpStatus),
+};
+
+struct ubus_object_type s_rtUpnpType = UBUS_OBJECT_TYPE("RTUpnp", s_rtUpnpMethods);
+
+// The stored UPnP switch as the restore reads it (log name "NatForward_getUpnpEnabled"); 0 or -1.
+int NatForward_getUpnpEnabled(uint32_t *value)
+{
+    *value = 0;
+    UciFirstSection s;
+    if (s.open(__func__, UCI_UPNPD_FILE, kUpnpdType) != 0 || s.sec == nullptr)
+        return -1;
+    if (uciGetUint32(s.ctx, s.sec, "_init", value) != 0) {
+        log_error("[%s:%d]error setEnabled( enabled=%d)", __func__, __LINE__, static_cast<int>(*value));
+        return -1;
+    }
+    return 0;
+}
+
+// The stored DMZ setting (log name "NatForward_getDmzEnabled"); 0 or -1. destIp gets at most 15 characters.
+int NatForward_getDmzEnabled(uint32_t *enabled, char (&destIp)[16])
+{
+    *enabled = 0;
+    memset(destIp, 0, sizeof destIp);
+    UciFirstSection s;
+    if (s.open(__func__, UCI_DMZ_FILE, kDmzType) != 0 || s.sec == nullptr)
+        return -1;
+    int result = 0;
+    if (uciGetUint32(s.ctx, s.sec, "enabled", enabled) != 0) {
+        log_error("[%s:%d]error setEnabled( enabled=%d)", __func__, __LINE__, static_cast<int>(*enabled));
+        result = -1;
+    }
+    if (uciGetString(s.ctx, s.sec, "dest_ip", destIp, sizeof destIp) != 0) {
+        log_error("[%s:%d]error dmzip  ", __func__, __LINE__);
+        result = -1;
+    }
+    return result;
+}
+
+// What getUpnpStatus reports of the configuration (log name "NatForward_getUpnpEnable"): the switch as the value
+// of the leading digits of _init, and the lease file's name. Nothing found leaves 0 and "".
+void NatForward_getUpnpEnable(int *enable, char (&leaseFile)[32])
+{
+    *enable = 0;
+    memset(leaseFile, 0, sizeof leaseFile);
+    UciFirstSection s;
+    if (s.open(__func__, UCI_UPNPD_FILE, kUpnpdType) != 0 || s.sec == nullptr)
+        return;
+    uci_option *init = uci_lookup_option(s.ctx, s.sec, "_init");
+    if (init != nullptr && init->type == UCI_TYPE_STRING)
+        *enable = static_cast<int>(upnpLeadingNumber(init->v.string, INT32_MAX));
+    if (uciGetString(s.ctx, s.sec, "upnp_lease_file", leaseFile, sizeof leaseFile) != 0)
+        log_info("[%s:%d]error getName(%s)", __func__, __LINE__, "upnp_lease_file");
+}
+
+// Opens the lease file for reading. Only a regular file is read: a FIFO or a device named there must not block
+// or flood the daemon. Null when it cannot be opened.
+FILE *openLeaseFile(const char *path)
+{
+    if (path[0] == '\0')
+        return nullptr;
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return nullptr;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        return nullptr;
+    }
+    FILE *f = fdopen(fd, "r");
+    if (f == nullptr)
+        close(fd);
+    return f;
+}
+
+void addLease(const UpnpLeaseEntry *e, void *arg)
+{
+    blob_buf *b = static_cast<blob_buf *>(arg);
+    void *entry = blobmsg_open_table(b, nullptr);
+    blobmsg_add_string(b, "Description", e->description);
+    blobmsg_add_u32(b, "ExternalPort", e->externalPort);
+    blobmsg_add_string(b, "InternalIP", e->internalIP);
+    blobmsg_add_u32(b, "InternalPort", e->internalPort);
+    blobmsg_add_u32(b, "Protocol", upnpProtocolNumber(e->protocol));
+    blobmsg_close_table(b, entry);
+}
+
+void replyResult(ubus_context *ctx, ubus_request_data *req, bool ok)
+{
+    blob_buf_init(&s_bufUpnp, 0);
+    blobmsg_add_u8(&s_bufUpnp, "result", ok ? 1 : 0);
+    ubus_send_reply(ctx, req, s_bufUpnp.head);
+    blob_buf_free(&s_bufUpnp);
+}
+
+}  // namespace
+
+struct ubus_object rtUpnpObject = {
+    .name = "RTUpnp",
+    .type = &s_rtUpnpType,
+    .methods = s_rtUpnpMethods,
+    .n_methods = sizeof s_rtUpnpMethods / sizeof s_rtUpnpMethods[0],
+};
+
+// ---- the shared configuration session ----
+
+UciFirstSection::UciFirstSection() : ctx(uci_alloc_context()) {}
+
+UciFirstSection::~UciFirstSection()
+{
+    if (ctx == nullptr)
+        return;
+    if (pkg != nullptr)
+        uci_unload(ctx, pkg);
+    uci_free_context(ctx);
+}
+
+int UciFirstSection::open(const char *fn, const char *package, const char *type)
+{
+    if (ctx == nullptr) {
+        log_error("[%s:%d]error uci_alloc_context", fn, __LINE__);
+        return -1;
+    }
+    if (uci_load(ctx, package, &pkg) != UCI_OK) {
+        pkg = nullptr;
+        log_error("[%s:%d]can't load %s", fn, __LINE__, package);
+        return -1;
+    }
+    if (pkg == nullptr) {
+        log_error("[%s:%d]can't load(%s)", fn, __LINE__, package);
+        return -1;
+    }
+    uci_element *e;
+    uci_foreach_element(&pkg->sections, e) {
+        uci_section *candidate = uci_to_section(e);
+        if (candidate->type != nullptr && strcmp(candidate->type, type) == 0) {
+            sec = candidate;
+            break;
+        }
+    }
+    return 0;
+}
+
+int UciFirstSection::commit()
+{
+    sec = nullptr;  // the package is reloaded by the commit
+    return uci_commit(ctx, &pkg, false);
+}
+
+int UciFirstSection::save()
+{
+    return pkg != nullptr ? uci_save(ctx, pkg) : UCI_ERR_INVAL;
+}
+
+int UciFirstSection::revert()
+{
+    sec = nullptr;
+    return pkg != nullptr ? uciRevertPackage(ctx, &pkg, nullptr) : -1;
+}
+
+// ---- the switch ----
+
+void NatForward_setFirewallInclude(void)
+{
+    LC_SystemCall("uci set firewall.dmzupnpdomain=include ");
+    LC_SystemCall("uci set firewall.dmzupnpdomain.path=/usr/bin/dmzupnp.sh ");
+    LC_SystemCall("uci set firewall.dmzupnpdomain.reload=1 ");
+    LC_SystemCall("uci set firewall.dmzupnpdomain.type=script ");
+    LC_SystemCall("uci commit firewall ");
+    LC_SystemCall("/etc/init.d/firewall reload");
+}
+
+void NatForward_applyUpnp(int value)
+{
+    if (value == 1) {
+        NatForward_setFirewallInclude();
+        LC_SystemCall("/etc/init.d/miniupnpd enable >/dev/null ");
+        LC_SystemCall("/etc/init.d/miniupnpd start >/dev/null ");
+    } else if (value == 0) {
+        NatForward_setFirewallInclude();
+        LC_SystemCall("/etc/init.d/miniupnpd stop >/dev/null ");
+        LC_SystemCall("/etc/init.d/miniupnpd disable >/dev/null ");
+    }
+}
+
+int NatForward_setUpnpEnabled(int value)
+{
+    if (static_cast<unsigned>(value) > 1u) {
+        log_error("[%s:%d]enabled is invalid", __func__, __LINE__);
+        return -1;
+    }
+    UciFirstSection s;
+    int result = -1;
+    if (s.open(__func__, UCI_UPNPD_FILE, kUpnpdType) == 0 && s.sec != nullptr) {
+        if (uciSetUint32(s.ctx, s.pkg, s.sec, "_init", static_cast<uint32_t>(value)) != 0) {
+            log_error("[%s:%d]error setEnabled( enabled=%d)", __func__, __LINE__, value);
+        } else {
+            // The switch is stored once it is set: a failed commit or save is only logged.
+            if (s.commit() != UCI_OK)
+                log_error("[%s:%d]error uci_commit(enabled=%d)", __func__, __LINE__, value);
+            if (s.save() != UCI_OK)
+                log_error("[%s:%d]error uci_save(enabled=%d )", __func__, __LINE__, value);
+            result = 0;
+        }
+    }
+    if (result != 0)
+        s.revert();
+    return result;
+}
+
+int NatForward_setUpnpStatus(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
+                             const char *, struct blob_attr *msg)
+{
+    blob_attr *tb[__E_SETUPNPSTATUS_MAX] = {};
+    if (msg != nullptr)
+        blobmsg_parse(s_setUpnpStatusPolicy, __E_SETUPNPSTATUS_MAX, tb, blob_data(msg),
+                      static_cast<unsigned>(blob_len(msg)));
+
+    int result = 0;
+    int value = 0;
+    if (tb[E_SETUPNPSTATUS_ENABLE] == nullptr) {
+        log_error("[%s:%d]\n  enable value is invaild \n", __func__, __LINE__);
+        result = -1;
+    } else {
+        value = static_cast<int>(blobmsg_get_u32(tb[E_SETUPNPSTATUS_ENABLE]));
+    }
+    log_info("[%s:%d]\n  enable [%d]  ret[%d] \n", __func__, __LINE__, value, result);
+
+    if (result == 0)
+        result = NatForward_setUpnpEnabled(value);
+    if (result == 0) {
+        log_info("[%s:%d]\n ret[%d] \n", __func__, __LINE__, result);
+        NatForward_applyUpnp(value);
+    }
+    replyResult(ctx, req, result == 0);
+    return UBUS_STATUS_OK;
+}
+
+int NatForward_getUpnpStatus(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
+                             const char *, struct blob_attr *)
+{
+    int enable = 0;
+    char leaseFile[32];
+    NatForward_getUpnpEnable(&enable, leaseFile);
+    log_info("[%s:%d]\n enable [%d] filename [%s] \n", __func__, __LINE__, enable, leaseFile);
+
+    blob_buf_init(&s_bufUpnp, 0);
+    void *params = blobmsg_open_table(&s_bufUpnp, "params");
+    blobmsg_add_u32(&s_bufUpnp, "Enable", static_cast<uint32_t>(enable));
+    void *list = blobmsg_open_array(&s_bufUpnp, "List");
+    if (FILE *f = openLeaseFile(leaseFile)) {
+        upnpReadLeases(f, addLease, &s_bufUpnp);
+        fclose(f);
+    }
+    blobmsg_close_array(&s_bufUpnp, list);
+    blobmsg_close_table(&s_bufUpnp, params);
+    blobmsg_add_u8(&s_bufUpnp, "result", 1);
+    ubus_send_reply(ctx, req, s_bufUpnp.head);
+    blob_buf_free(&s_bufUpnp);
+    return UBUS_STATUS_OK;
+}
+
+// ---- start-up ----
+
+int NatForward_upnpRestore(struct ubus_context *ctx)
+{
+    ubus_add_object(ctx, &rtUpnpObject);
+
+    // Both chains in the filter and the nat table; the platform's firewall include links them.
+    iptables("-N NatForward_DMZ ");
+    iptables("-t nat -N NatForward_DMZ ");
+    iptables("-N MINIUPNPD ");
+    iptables("-t nat -N MINIUPNPD ");
+
+    uint32_t upnp = 0;
+    if (NatForward_getUpnpEnabled(&upnp) == 0) {
+        if (upnp == 1)
+            NatForward_applyUpnp(1);
+        else
+            log_error("[%s:%d] NatForward_upnpRestore no \n", __func__, __LINE__);
+    }
+
+    uint32_t dmz = 0;
+    char destIp[16];
+    if (NatForward_getDmzEnabled(&dmz, destIp) == 0 && destIp[0] != '\0' && dmz == 1 &&
+        destIp[strlen(destIp) - 1] != '.') {
+        iptables("-t nat -I NatForward_DMZ -p all -j DNAT --to %s ", destIp);
+        iptables("-I NatForward_DMZ -p all -j ACCEPT ");
+    }
+    return 0;
+}
