@@ -71,12 +71,19 @@ class IptvTest : public RouterTest {
 protected:
     std::string opt(const std::string &path) { return uciGet(path).value_or("<missing>"); }
 
-    // The stored setting as "enabled vlanid vlan1 vlan2 vlan3 type vlan24g vlan5g".
+    // The stored setting as "enabled vlanid vlan1 vlan2 vlan3 type vlan24g vlan5g", from one `uci show`.
     std::string stored()
     {
+        const std::vector<std::string> lines = splitLines(uciShow("iptv.main"));
         std::string s;
-        for (const char *o : {"enabled", "vlanid", "vlan1", "vlan2", "vlan3", "type", "vlan24g", "vlan5g"})
-            s += (s.empty() ? "" : " ") + opt(std::string("iptv.main.") + o);
+        for (const char *o : {"enabled", "vlanid", "vlan1", "vlan2", "vlan3", "type", "vlan24g", "vlan5g"}) {
+            const std::string prefix = std::string("iptv.main.") + o + "='";
+            std::string value = "<missing>";
+            for (const auto &l : lines)
+                if (l.rfind(prefix, 0) == 0 && l.back() == '\'')
+                    value = l.substr(prefix.size(), l.size() - prefix.size() - 1);
+            s += (s.empty() ? "" : " ") + value;
+        }
         return s;
     }
 };
