@@ -368,12 +368,8 @@ bool Bus::receive(Client &cl, const uint8_t *data, size_t len, int fd)
 	uint32_t id = cl.id;
 	auto still_here = [&] { return clients_.count(id) != 0; };
 	while (len > 0) {
-		// Gather the 12-byte prefix, then the rest of the announced container.
-		size_t want = kPrefixLen;
-		if (cl.rx.size() >= kPrefixLen) {
-			want = frame_length(cl.rx.data());
-		} else if (cl.rx.empty() && len >= kPrefixLen) {
-			// Fast path: whole messages straight from the read buffer, no copy.
+		if (cl.rx.empty() && len >= kPrefixLen) {
+			// Whole messages straight from the read buffer, without a copy.
 			size_t total = frame_length(data);
 			if (!total)
 				return false;
@@ -389,18 +385,19 @@ bool Bus::receive(Client &cl, const uint8_t *data, size_t len, int fd)
 				len -= total;
 				continue;
 			}
-			want = total;
 		}
+		// Gather the 12-byte prefix, then the rest of the container it announces.
+		size_t want = cl.rx.size() < kPrefixLen ? kPrefixLen : frame_length(cl.rx.data());
 		size_t take = std::min(len, want - cl.rx.size());
 		cl.rx.insert(cl.rx.end(), data, data + take);
 		data += take;
 		len -= take;
-		if (cl.rx.size() == kPrefixLen && want == kPrefixLen) {
-			if (!frame_length(cl.rx.data()))
-				return false;
+		if (cl.rx.size() < kPrefixLen)
 			continue;
-		}
-		if (cl.rx.size() >= kPrefixLen && cl.rx.size() == frame_length(cl.rx.data())) {
+		size_t total = frame_length(cl.rx.data());
+		if (!total)
+			return false;
+		if (cl.rx.size() == total) {
 			std::vector<uint8_t> whole;
 			whole.swap(cl.rx);
 			Message m;

@@ -396,13 +396,19 @@ TEST_F(UbusDaemon, MalformedFramesCostOnlyTheSenderItsConnection)
 		EXPECT_EQ(echo.type, UBUS_MSG_DATA);
 		EXPECT_EQ(echo.bytes.size(), m.size());
 	}
-	// a message dribbled in one byte at a time is handled like any other
+	// messages dribbled in one byte at a time are handled like any other, also one without attributes
 	{
 		Raw slow(sock);
 		slow.hello();
-		Bytes m = message(UBUS_MSG_LOOKUP, 4, 0, {{UBUS_ATTR_OBJPATH, str("demo")}});
-		for (uint8_t byte : m)
+		Bytes m = message(UBUS_MSG_PING, 3, 0, {});
+		Bytes lookup = message(UBUS_MSG_LOOKUP, 4, 0, {{UBUS_ATTR_OBJPATH, str("demo")}});
+		m.insert(m.end(), lookup.begin(), lookup.end());
+		for (uint8_t byte : m) {
 			ASSERT_EQ(::send(slow.fd, &byte, 1, MSG_NOSIGNAL), 1);
+			std::this_thread::sleep_for(std::chrono::microseconds(200));	// one read per byte
+		}
+		EXPECT_EQ(slow.recv().type, UBUS_MSG_DATA);
+		EXPECT_EQ(slow.recv().attr32(UBUS_ATTR_STATUS), 0u);
 		EXPECT_EQ(slow.recv().attr32(UBUS_ATTR_OBJID), obj);
 		EXPECT_EQ(slow.recv().attr32(UBUS_ATTR_STATUS), 0u);
 	}

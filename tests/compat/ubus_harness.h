@@ -22,6 +22,7 @@ extern "C" {
 #include <fcntl.h>
 #include <ftw.h>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -359,6 +360,7 @@ inline pid_t spawn(const std::vector<std::string> &argv, const std::vector<std::
 {
 	pid_t pid = fork();
 	if (pid == 0) {
+		prctl(PR_SET_PDEATHSIG, SIGKILL);	// never outlive a test process that was killed
 		for (const std::string &e : env)
 			putenv(strdup(e.c_str()));
 		if (out >= 0)
