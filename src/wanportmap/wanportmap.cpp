@@ -150,10 +150,10 @@ void wanPortMapEnsureChains(void)
     for (const ChainLink &c : kChains) {
         // -C fails both when the jump is missing and when the chain itself is; creating an existing chain is
         // harmless.
-        if (iptables("-w -t %s -C %s -j %s 2> /dev/null", c.table, c.builtin, c.chain) == 0)
+        if (LC_SystemCall("iptables -w -t %s -C %s -j %s 2> /dev/null", c.table, c.builtin, c.chain) == 0)
             continue;
-        iptables("-w -t %s -N %s 2> /dev/null", c.table, c.chain);
-        iptables("-w -t %s -I %s -j %s ", c.table, c.builtin, c.chain);
+        LC_SystemCall("iptables -w -t %s -N %s 2> /dev/null", c.table, c.chain);
+        LC_SystemCall("iptables -w -t %s -I %s -j %s", c.table, c.builtin, c.chain);
     }
 }
 
