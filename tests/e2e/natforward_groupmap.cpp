@@ -100,15 +100,11 @@ TEST_F(NatGroupMap, RangeChecksAndConflicts)
     } cases[] = {
         {groupEntry("g", 3, "10.0.0.1", 1000, 1010), kErrProtocol},
         {groupEntry("g", 0, "10.0.0.1", 0, 1010), kErrStartPort},
-        {groupEntry("g", 0, "10.0.0.1", -5, 1010), kErrStartPort},
         {groupEntry("g", 0, "10.0.0.1", 1000, 65536), kErrStopPort},
-        {groupEntry("g", 0, "10.0.0.1", 1000, 0), kErrStopPort},
         {groupEntry("g", 0, "10.0.0.1", 610, 600), kErrPortRange},
         {groupEntry("g", 0, "10.0.0.1", 8000, 8100), kErrPortMapConflict},
-        {groupEntry("g", 2, "10.0.0.1", 8080, 8080), kErrPortMapConflict},
         {groupEntry("g", 0, "10.0.0.1", 500, 700), kErrGroupMapConflict}, // shares port 700
         {groupEntry("g", 1, "10.0.0.1", 610, 620), kErrGroupMapConflict}, // shares port 610, both UDP
-        {groupEntry("g", 2, "10.0.0.1", 605, 605), kErrGroupMapConflict},
     };
     for (const Case &c : cases)
         EXPECT_EQ(mod(modRequest({c.entry}, 1)).reply, codeReply(c.code)) << c.entry;

@@ -4,7 +4,7 @@
 
 #include "support/router.h"
 
-#include <regex>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -158,9 +158,14 @@ inline std::vector<std::string> idAndSrc(const std::string &file, const std::str
 inline std::vector<long> numbersOf(const std::string &reply, const std::string &key)
 {
     std::vector<long> out;
-    const std::regex re("\"" + key + "\":(-?[0-9]+)");
-    for (auto it = std::sregex_iterator(reply.begin(), reply.end(), re); it != std::sregex_iterator(); ++it)
-        out.push_back(std::stol((*it)[1].str()));
+    const std::string needle = "\"" + key + "\":";
+    for (size_t at = reply.find(needle); at != std::string::npos; at = reply.find(needle, at + 1)) {
+        const char *start = reply.c_str() + at + needle.size();
+        char *end = nullptr;
+        const long v = std::strtol(start, &end, 10);
+        if (end != start)
+            out.push_back(v);
+    }
     return out;
 }
 

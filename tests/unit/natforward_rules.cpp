@@ -2,8 +2,6 @@
 // the port ranges and against stored mappings.
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "natforward.h"
 
 namespace {
@@ -30,38 +28,19 @@ constexpr uint32_t TCP = NATFORWARD_PROTO_TCP, UDP = NATFORWARD_PROTO_UDP, BOTH 
 
 } // namespace
 
-TEST(NatforwardProtocol, OverlapWhenEitherIsBothOrTheyAreEqual)
-{
-    const uint32_t p[] = {TCP, UDP, BOTH};
-    for (uint32_t a : p)
-        for (uint32_t b : p)
-            EXPECT_EQ(natforwardProtocolsOverlap(a, b), a == BOTH || b == BOTH || a == b) << a << " vs " << b;
-    EXPECT_FALSE(natforwardProtocolsOverlap(TCP, UDP));
-    EXPECT_FALSE(natforwardProtocolsOverlap(UDP, TCP));
-}
-
-TEST(NatforwardProtocol, StoredListEncodingRoundTrips)
+TEST(NatforwardProtocol, StoredListValuesBothWays)
 {
     EXPECT_STREQ(natforwardProtocolValue(TCP), "tcp");
     EXPECT_STREQ(natforwardProtocolValue(UDP), "udp");
     EXPECT_EQ(natforwardProtocolValue(BOTH), nullptr); // no "proto" option at all
     EXPECT_EQ(natforwardProtocolValue(7), nullptr);    // anything larger is written like both
 
-    for (uint32_t p : {TCP, UDP}) {
-        const char *value = natforwardProtocolValue(p);
-        EXPECT_EQ(natforwardProtocolFromList(1, value), p);
-    }
-    EXPECT_EQ(natforwardProtocolFromList(0, nullptr), BOTH);
-}
-
-TEST(NatforwardProtocol, ForeignOrSeveralValuesDecode)
-{
+    EXPECT_EQ(natforwardProtocolFromList(1, "tcp"), TCP);
+    EXPECT_EQ(natforwardProtocolFromList(1, "udp"), UDP);
     EXPECT_EQ(natforwardProtocolFromList(1, "icmp"), TCP); // a single foreign value reads as TCP
     EXPECT_EQ(natforwardProtocolFromList(1, "UDP"), TCP);  // the comparison is exact
-    EXPECT_EQ(natforwardProtocolFromList(1, ""), TCP);
-    EXPECT_EQ(natforwardProtocolFromList(2, "tcp"), BOTH); // "tcp" and "udp" listed together
-    EXPECT_EQ(natforwardProtocolFromList(2, "udp"), BOTH);
-    EXPECT_EQ(natforwardProtocolFromList(0, "udp"), BOTH); // empty list
+    EXPECT_EQ(natforwardProtocolFromList(2, "udp"), BOTH); // two values
+    EXPECT_EQ(natforwardProtocolFromList(0, nullptr), BOTH);
 }
 
 TEST(NatforwardRange, FormatsStartDashStop)
@@ -145,8 +124,6 @@ TEST(NatforwardCheck, PortMapRangesInOrder)
         const PortMapConfig r = portMap(c.protocol, c.external, c.internal);
         EXPECT_EQ(natforwardPortMapRangeCheck(&r), c.code) << c.protocol << " " << c.external << " " << c.internal;
     }
-    EXPECT_EQ(NATFORWARD_ERR_GROUPMAP_CONFLICT - NATFORWARD_ERR_PROTOCOL, 7);
-    EXPECT_EQ(NATFORWARD_ERR_PROTOCOL, 0x2A86A000);
 }
 
 TEST(NatforwardCheck, GroupMapRangesInOrder)
@@ -239,26 +216,4 @@ TEST(NatforwardCheck, GroupMapAgainstStoredMappings)
         EXPECT_EQ(natforwardGroupMapClash(&r, ports, 2, groups, 2), c.code)
             << c.protocol << " " << c.start << "-" << c.stop;
     }
-}
-
-TEST(NatforwardText, CopyIsCutAndZeroFilled)
-{
-    char name[65];
-    memset(name, 'x', sizeof name);
-    const std::string huge(1 << 20, 'n');
-    natforwardCopyCut(name, huge.c_str());
-    EXPECT_EQ(strlen(name), 64u);
-    EXPECT_EQ(name[64], '\0');
-
-    char ip[16];
-    memset(ip, 'x', sizeof ip);
-    natforwardCopyCut(ip, "10.0.0.1");
-    EXPECT_STREQ(ip, "10.0.0.1");
-    for (size_t i = strlen("10.0.0.1"); i < sizeof ip; i++)
-        EXPECT_EQ(ip[i], '\0') << i;
-
-    natforwardCopyCut(ip, nullptr);
-    EXPECT_STREQ(ip, "");
-    natforwardCopyCut(ip, "192.168.100.200;rm -rf /");
-    EXPECT_STREQ(ip, "192.168.100.200");
 }
