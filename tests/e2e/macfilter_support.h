@@ -15,7 +15,6 @@
 #include <libubus.h>
 
 #include <map>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -235,12 +234,27 @@ protected:
     // as "name src_mac target" with "-" for an option that is not stored.
     std::vector<std::string> lanRules()
     {
-        static const std::regex line(R"(^firewall\.@rule\[(\d+)\]\.(\w+)='(.*)'$)");
+        // Lines "firewall.@rule[N].OPTION='VALUE'", a quote inside VALUE written '\''.
+        const std::string prefix = "firewall.@rule[";
         std::map<int, std::map<std::string, std::string>> rules;
         for (const auto &l : splitLines(uciShow("firewall"))) {
-            std::smatch m;
-            if (std::regex_match(l, m, line))
-                rules[std::stoi(m[1])][m[2]] = std::regex_replace(m[3].str(), std::regex(R"('\\'')"), "'");
+            size_t close = l.find("].");
+            size_t eq = l.find("='");
+            if (l.rfind(prefix, 0) != 0 || close == std::string::npos || eq == std::string::npos || eq < close ||
+                l.back() != '\'')
+                continue;
+            int index = std::stoi(l.substr(prefix.size(), close - prefix.size()));
+            std::string option = l.substr(close + 2, eq - close - 2);
+            std::string quoted = l.substr(eq + 2, l.size() - eq - 3), value;
+            for (size_t i = 0; i < quoted.size(); ++i) {
+                if (quoted.compare(i, 4, "'\\''") == 0) {
+                    value += '\'';
+                    i += 3;
+                } else {
+                    value += quoted[i];
+                }
+            }
+            rules[index][option] = value;
         }
         std::vector<std::string> out;
         for (auto &[index, opts] : rules) {
