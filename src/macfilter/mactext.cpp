@@ -101,12 +101,12 @@ int macListSplit(char *text, const char *delims, char *pieces[], int max)
 
 void macEntrySplit(const char *piece, size_t macLen, MacFilterEntry *entry)
 {
-    char part[MACFILTER_ENTRY_LEN + 1] = {};
-    mfCopy(part, piece);
+    char token[MACFILTER_ENTRY_LEN + 1] = {};
+    mfCopy(token, piece);
     *entry = MacFilterEntry{};
-    mfCopy(entry->mac, part, macLen);
-    if (strlen(part) > macLen + 1)
-        mfCopy(entry->name, part + macLen + 1);
+    mfCopy(entry->mac, token, macLen);
+    if (strlen(token) > macLen + 1)
+        mfCopy(entry->name, token + macLen + 1);
 }
 
 bool macEntryUsable(MacFilterEntry *entry)
@@ -130,10 +130,10 @@ int macFilterListRead(const char *func, const char *path, MacFilterEntry list[MA
     char *pieces[MACFILTER_MAX_ENTRIES];
     int count = macListSplit(all, " ", pieces, MACFILTER_MAX_ENTRIES);
     for (int i = 0; i < count; ++i) {
-        char part[MACFILTER_ENTRY_LEN + 1] = {};
-        mfCopy(part, pieces[i]);
-        log_info("[%s:%d]ListPart:%s", func, __LINE__, part);
-        macEntrySplit(part, MAC_COLON_LEN, &list[i]);
+        char token[MACFILTER_ENTRY_LEN + 1] = {};
+        mfCopy(token, pieces[i]);
+        log_info("[%s:%d]ListPart:%s", func, __LINE__, token);
+        macEntrySplit(token, MAC_COLON_LEN, &list[i]);
         log_info("[%s:%d]MFList.mac:%s, MFList.name:%s", func, __LINE__, list[i].mac, list[i].name);
     }
     return count;

@@ -287,10 +287,10 @@ int zelmad_handle_set_macfilter(struct ubus_context *ctx, struct ubus_object *, 
         char *pieces[MACFILTER_MAX_ENTRIES];
         int count = macListSplit(text, ",", pieces, MACFILTER_MAX_ENTRIES);
         for (int i = 0; i < count; ++i) {
-            char part[MACFILTER_ENTRY_LEN + 1] = {};
-            mfCopy(part, pieces[i]);
-            log_info("[%s:%d]ListPart:%s", __func__, __LINE__, part);
-            macEntrySplit(part, MAC_BARE_LEN, &entries[i]);
+            char token[MACFILTER_ENTRY_LEN + 1] = {};
+            mfCopy(token, pieces[i]);
+            log_info("[%s:%d]ListPart:%s", __func__, __LINE__, token);
+            macEntrySplit(token, MAC_BARE_LEN, &entries[i]);
             log_info("[%s:%d]MFList.mac:%s, MFList.name:%s", __func__, __LINE__, entries[i].mac, entries[i].name);
             if (entries[i].mac[0] == '\0' || entries[i].name[0] == '\0') {
                 log_error("[%s:%d]zelmad_handle_set_macfilter E_UBUS_STATUS_INVALID_ARGUMENT", __func__, __LINE__);
