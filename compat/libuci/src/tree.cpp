@@ -216,29 +216,28 @@ void section_set_type(uci_section *s, std::string_view type)
 
 void section_rename(uci_section *s, std::string_view name)
 {
+	if (name == s->e.name)
+		return;
 	char *n = dup_string(name);
+	auto &m = index_of(s->package)->by_name;
+	try {
+		m.emplace(std::string_view(n), s);
+	} catch (...) {
+		free(n);
+		throw;
+	}
 	index_remove(s);
 	free(s->e.name);
 	s->e.name = n;
-	try {
-		index_add(s);
-	} catch (...) {
-		// The index is only a cache of the list; a section missing from it is still found by find_section.
-	}
 }
 
+// The index holds every section of the package, so a miss is final.
 uci_section *find_section(uci_package *p, std::string_view name)
 {
 	auto &m = index_of(p)->by_name;
 	auto range = m.equal_range(name);
-	if (range.first == range.second) {
-		// Not indexed (an insertion that ran out of memory): fall back to the list.
-		uci_element *e;
-		uci_foreach_element(&p->sections, e)
-			if (name == e->name)
-				return uci_to_section(e);
+	if (range.first == range.second)
 		return nullptr;
-	}
 	auto second = range.first;
 	if (++second == range.second)
 		return range.first->second;
