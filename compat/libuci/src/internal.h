@@ -20,9 +20,6 @@ struct Failure {
 
 [[noreturn]] inline void fail(int code) { throw Failure{code}; }
 
-// State of the configuration parser; kept in ctx->pctx after a parse error so that uci_perror can report it.
-struct ParseState;
-
 }  // namespace uci_impl
 
 // The opaque parser context of the public header.
