@@ -18,7 +18,15 @@ struct Attrs {
 // Reads one whole message into ctx->msgbuf: 1 when one was read, 0 when nothing is waiting, -1 when the
 // connection is broken (end of file, error, or a header that cannot be trusted).
 int read_message(ubus_context *ctx, int *fd);
+void forget_read_ahead(ubus_context *ctx);
+bool has_read_ahead(const ubus_context *ctx);	// bytes already received but not yet handed out
+bool has_complete_message(const ubus_context *ctx);
+// Handles the complete messages already received (when no synchronous request is waiting).
+void drain_read_ahead(ubus_context *ctx);
 int send_message(ubus_context *ctx, uint16_t seq, blob_attr *msg, int type, uint32_t peer, int fd);
+// Holds back DATA messages on ctx until the next other message or cork_end() (handlers nest strictly).
+void cork_begin(ubus_context *ctx, ubus_context **saved);
+void cork_end(ubus_context *saved);
 
 // Called when the socket reached end of file: fails waiting requests, then runs ctx->connection_lost.
 void disconnected(ubus_context *ctx);

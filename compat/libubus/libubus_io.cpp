@@ -12,11 +12,15 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <time.h>
+#include <algorithm>
+#include <unordered_map>
+#include <vector>
 
 namespace {
 
 // How long the rest of a message that has started to arrive may take.
 constexpr int kMessageBodyTimeoutMs = 10000;
+constexpr size_t kPrefix = sizeof(ubus_msghdr) + 4;	// header and the container's blob header
 
 int64_t now_ms()
 {
@@ -86,6 +90,7 @@ void pending_timer_cb(uloop_timeout *t)
 {
 	ubus_context *ctx = container_of(t, ubus_context, pending_timer);
 	ubus_internal::process_pending(ctx);
+	ubus_internal::drain_read_ahead(ctx);
 }
 
 void handle_data(uloop_fd *u, unsigned int events)
@@ -114,28 +119,140 @@ namespace ubus_internal {
 
 blob_buf b;
 
+namespace {
+
+// Bytes read ahead from a connection's socket: one recv usually brings a reply and its status together.
+struct ReadAhead {
+	std::vector<uint8_t> buf;	// unread bytes are buf[start..]
+	size_t start = 0;
+	int fd = -1;			// a descriptor that came with the bytes before fd_end
+	size_t fd_end = 0;
+};
+
+std::unordered_map<const ubus_context *, ReadAhead> read_ahead;
+
+// One recv into the read-ahead buffer: bytes read, 0 at end of file, -1 on error or a stalled peer, -2 when
+// nothing is waiting and wait is false.
+ssize_t fill(ubus_context *ctx, ReadAhead &ra, bool wait)
+{
+	if (ra.start) {
+		ra.buf.erase(ra.buf.begin(), ra.buf.begin() + long(ra.start));
+		if (ra.fd >= 0)
+			ra.fd_end -= ra.start;
+		ra.start = 0;
+	}
+	size_t old = ra.buf.size();
+	size_t room = std::max<size_t>(UBUS_MSG_CHUNK_SIZE, old);
+	ra.buf.resize(old + room);
+	for (;;) {
+		iovec iov{ra.buf.data() + old, room};
+		alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
+		msghdr mh{};
+		mh.msg_iov = &iov;
+		mh.msg_iovlen = 1;
+		mh.msg_control = ctl;
+		mh.msg_controllen = sizeof(ctl);
+		ssize_t n = recvmsg(ctx->sock.fd, &mh, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+		if (n < 0 && errno == EINTR)
+			continue;
+		if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+			if (!wait) {
+				ra.buf.resize(old);
+				return -2;
+			}
+			pollfd pfd{ctx->sock.fd, POLLIN, 0};
+			if (poll(&pfd, 1, kMessageBodyTimeoutMs) > 0)
+				continue;
+			n = -1;
+		}
+		if (n <= 0) {
+			ra.buf.resize(old);
+			return n;
+		}
+		ra.buf.resize(old + size_t(n));
+		for (cmsghdr *c = CMSG_FIRSTHDR(&mh); c; c = CMSG_NXTHDR(&mh, c)) {
+			if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS)
+				continue;
+			int got;
+			memcpy(&got, CMSG_DATA(c), sizeof(int));
+			if (ra.fd >= 0) {
+				close(got);
+			} else {
+				ra.fd = got;
+				ra.fd_end = ra.buf.size();
+			}
+		}
+		return n;
+	}
+}
+
+} // namespace
+
+bool has_read_ahead(const ubus_context *ctx)
+{
+	auto it = read_ahead.find(ctx);
+	return it != read_ahead.end() && it->second.buf.size() > it->second.start;
+}
+
+bool has_complete_message(const ubus_context *ctx)
+{
+	auto it = read_ahead.find(ctx);
+	if (it == read_ahead.end())
+		return false;
+	const ReadAhead &ra = it->second;
+	size_t avail = ra.buf.size() - ra.start;
+	if (avail < kPrefix)
+		return false;
+	uint32_t container;
+	memcpy(&container, &ra.buf[ra.start + sizeof(ubus_msghdr)], 4);
+	return avail >= sizeof(ubus_msghdr) + (ntohl(container) & BLOB_ATTR_LEN_MASK);
+}
+
+void drain_read_ahead(ubus_context *ctx)
+{
+	while (!ctx->stack_depth && has_complete_message(ctx)) {
+		int fd = -1;
+		if (read_message(ctx, &fd) <= 0)
+			break;
+		process_message(ctx, &ctx->msgbuf.hdr, ctx->msgbuf.data, fd);
+	}
+}
+
+void forget_read_ahead(ubus_context *ctx)
+{
+	auto it = read_ahead.find(ctx);
+	if (it == read_ahead.end())
+		return;
+	if (it->second.fd >= 0)
+		close(it->second.fd);
+	read_ahead.erase(it);
+}
+
 int read_message(ubus_context *ctx, int *fd)
 {
 	if (ctx->sock.fd < 0)
 		return -1;
-	uint8_t prefix[sizeof(ubus_msghdr) + 4];
-	ubus_msghdr hdr;
-	uint32_t container;
+	ReadAhead &ra = read_ahead[ctx];
 
 	// Nothing waiting is not an error; a message that has started must then complete.
-	ssize_t n = recv(ctx->sock.fd, &prefix, 1, MSG_PEEK | MSG_DONTWAIT);
-	if (n == 0)
-		return -1;
-	if (n < 0)
-		return (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) ? 0 : -1;
-	if (!read_exact(ctx->sock.fd, prefix, sizeof(prefix), fd))
-		return -1;
-	memcpy(&hdr, prefix, sizeof(hdr));
-	memcpy(&container, prefix + sizeof(hdr), 4);
-
+	while (ra.buf.size() - ra.start < kPrefix) {
+		ssize_t n = fill(ctx, ra, ra.buf.size() > ra.start);
+		if (n == -2)
+			return 0;
+		if (n <= 0)
+			return -1;
+	}
+	ubus_msghdr hdr;
+	uint32_t container;
+	memcpy(&hdr, &ra.buf[ra.start], sizeof(hdr));
+	memcpy(&container, &ra.buf[ra.start + sizeof(hdr)], 4);
 	uint32_t raw = ntohl(container) & BLOB_ATTR_LEN_MASK;
 	if (!header_acceptable(hdr, raw))
 		return -1;	// the stream can no longer be trusted to be in step
+	size_t total = sizeof(hdr) + raw;
+	while (ra.buf.size() - ra.start < total)
+		if (fill(ctx, ra, true) <= 0)
+			return -1;
 
 	size_t need = (raw + 3) & ~3u;
 	if (need > ctx->msgbuf_data_len || (ctx->msgbuf_data_len > UBUS_MSG_CHUNK_SIZE && need <= UBUS_MSG_CHUNK_SIZE &&
@@ -152,38 +269,43 @@ int read_message(ubus_context *ctx, int *fd)
 		ctx->msgbuf_reduction_counter = 0;
 	}
 	ctx->msgbuf.hdr = hdr;
-	memcpy(ctx->msgbuf.data, &container, sizeof(container));
-	if (!read_exact(ctx->sock.fd, reinterpret_cast<uint8_t *>(ctx->msgbuf.data) + 4, raw - 4, nullptr))
-		return -1;
+	memcpy(ctx->msgbuf.data, &ra.buf[ra.start + sizeof(hdr)], raw);
+	if (need > raw)
+		memset(reinterpret_cast<uint8_t *>(ctx->msgbuf.data) + raw, 0, need - raw);
+
+	// A descriptor belongs to the last message that starts in the read that brought it.
+	ra.start += total;
+	if (ra.fd >= 0 && ra.start >= ra.fd_end) {
+		if (fd)
+			*fd = ra.fd;
+		else
+			close(ra.fd);
+		ra.fd = -1;
+	}
 	return 1;
 }
 
-int send_message(ubus_context *ctx, uint16_t seq, blob_attr *msg, int type, uint32_t peer, int fd)
-{
-	if (ctx->sock.fd < 0)
-		return -1;
-	ubus_msghdr hdr{};
-	hdr.version = 0;
-	hdr.type = uint8_t(type);
-	hdr.seq = htons(seq);
-	hdr.peer = htonl(peer);
+namespace {
 
-	iovec iov[2] = {{&hdr, sizeof(hdr)}, {msg, blob_raw_len(msg)}};
-	size_t total = sizeof(hdr) + blob_raw_len(msg);
+// Writes the buffers completely (waiting while the socket is full); the descriptor goes with the first byte.
+int write_all(ubus_context *ctx, const iovec *iov, int n, int fd)
+{
+	size_t total = 0;
+	for (int i = 0; i < n; i++)
+		total += iov[i].iov_len;
 	size_t done = 0;
 	bool fd_sent = fd < 0;
 	while (done < total) {
-		// skip what was already written
-		iovec cur[2];
+		iovec cur[3];
 		int cnt = 0;
 		size_t skip = done;
-		for (const iovec &v : iov) {
-			if (skip >= v.iov_len) {
-				skip -= v.iov_len;
+		for (int i = 0; i < n; i++) {
+			if (skip >= iov[i].iov_len) {
+				skip -= iov[i].iov_len;
 				continue;
 			}
-			cur[cnt].iov_base = static_cast<uint8_t *>(v.iov_base) + skip;
-			cur[cnt].iov_len = v.iov_len - skip;
+			cur[cnt].iov_base = static_cast<uint8_t *>(iov[i].iov_base) + skip;
+			cur[cnt].iov_len = iov[i].iov_len - skip;
 			skip = 0;
 			cnt++;
 		}
@@ -200,8 +322,8 @@ int send_message(ubus_context *ctx, uint16_t seq, blob_attr *msg, int type, uint
 			c->cmsg_len = CMSG_LEN(sizeof(int));
 			memcpy(CMSG_DATA(c), &fd, sizeof(int));
 		}
-		ssize_t n = sendmsg(ctx->sock.fd, &mh, MSG_NOSIGNAL);
-		if (n < 0) {
+		ssize_t w = sendmsg(ctx->sock.fd, &mh, MSG_NOSIGNAL);
+		if (w < 0) {
 			if (errno == EINTR)
 				continue;
 			if (errno == EAGAIN || errno == EWOULDBLOCK) {
@@ -215,9 +337,74 @@ int send_message(ubus_context *ctx, uint16_t seq, blob_attr *msg, int type, uint
 			return -1;
 		}
 		fd_sent = true;
-		done += size_t(n);
+		done += size_t(w);
 	}
 	return 0;
+}
+
+// While a method handler runs, its replies are held back and leave together with its status (or with the next
+// other message), so the caller is woken once rather than once per message.
+struct Cork {
+	ubus_context *ctx = nullptr;
+	std::vector<uint8_t> buf;
+} cork;
+
+int flush_cork()
+{
+	if (!cork.ctx || cork.buf.empty())
+		return 0;
+	iovec iov{cork.buf.data(), cork.buf.size()};
+	int ret = write_all(cork.ctx, &iov, 1, -1);
+	cork.buf.clear();
+	return ret;
+}
+
+} // namespace
+
+void cork_begin(ubus_context *ctx, ubus_context **saved)
+{
+	flush_cork();
+	*saved = cork.ctx;
+	cork.ctx = ctx;
+}
+
+void cork_end(ubus_context *saved)
+{
+	flush_cork();
+	cork.ctx = saved;
+}
+
+int send_message(ubus_context *ctx, uint16_t seq, blob_attr *msg, int type, uint32_t peer, int fd)
+{
+	if (ctx->sock.fd < 0)
+		return -1;
+	ubus_msghdr hdr{};
+	hdr.version = 0;
+	hdr.type = uint8_t(type);
+	hdr.seq = htons(seq);
+	hdr.peer = htonl(peer);
+
+	iovec iov[3];
+	int n = 0;
+	if (cork.ctx == ctx) {
+		if (type == UBUS_MSG_DATA && fd < 0) {
+			const uint8_t *h = reinterpret_cast<const uint8_t *>(&hdr);
+			const uint8_t *m = reinterpret_cast<const uint8_t *>(msg);
+			cork.buf.insert(cork.buf.end(), h, h + sizeof(hdr));
+			cork.buf.insert(cork.buf.end(), m, m + blob_raw_len(msg));
+			return 0;
+		}
+		if (!cork.buf.empty() && fd >= 0 && flush_cork() < 0)
+			return -1;
+		if (!cork.buf.empty())
+			iov[n++] = iovec{cork.buf.data(), cork.buf.size()};
+	}
+	iov[n++] = iovec{&hdr, sizeof(hdr)};
+	iov[n++] = iovec{msg, blob_raw_len(msg)};
+	int ret = write_all(ctx, iov, n, fd);
+	if (cork.ctx == ctx)
+		cork.buf.clear();
+	return ret;
 }
 
 void disconnected(ubus_context *ctx)
@@ -278,6 +465,7 @@ int ubus_reconnect(struct ubus_context *ctx, const char *path)
 		close(ctx->sock.fd);
 		ctx->sock.fd = -1;
 	}
+	forget_read_ahead(ctx);
 	ctx->cancel_poll = true;
 	ctx->sock.eof = false;
 	ctx->sock.error = false;
@@ -370,6 +558,7 @@ void ubus_shutdown(struct ubus_context *ctx)
 		close(ctx->sock.fd);
 	ctx->sock.fd = -1;
 	uloop_timeout_cancel(&ctx->pending_timer);
+	forget_read_ahead(ctx);
 	drop_pending(ctx);
 	free(ctx->msgbuf.data);
 	ctx->msgbuf.data = nullptr;
@@ -433,10 +622,11 @@ int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, in
 			req->status_code = UBUS_STATUS_CONNECTION_FAILED;
 			break;
 		}
-		pollfd pfd{ctx->sock.fd, POLLIN, 0};
-		int r = poll(&pfd, 1, wait);
-		if (r <= 0)
-			continue;	// timeout or signal: the deadline check decides
+		if (!has_read_ahead(ctx)) {
+			pollfd pfd{ctx->sock.fd, POLLIN, 0};
+			if (poll(&pfd, 1, wait) <= 0)
+				continue;	// timeout or signal: the deadline check decides
+		}
 		int fd = -1;
 		int got = read_message(ctx, &fd);
 		if (got < 0) {
@@ -458,12 +648,15 @@ int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, in
 	if (req->complete_cb)
 		req->complete_cb(req, status);
 
-	// Calls that arrived while we waited run now, or from the loop if the socket is in it.
-	if (!ctx->stack_depth && !list_empty(&ctx->pending)) {
-		if (ctx->sock.registered)
+	// Calls that arrived while we waited run now, or from the loop if the socket is in it. So do messages that
+	// came in the same read as our reply: the socket will not signal them again.
+	if (!ctx->stack_depth && (!list_empty(&ctx->pending) || has_complete_message(ctx))) {
+		if (ctx->sock.registered) {
 			uloop_timeout_set(&ctx->pending_timer, 1);
-		else
+		} else {
 			process_pending(ctx);
+			drain_read_ahead(ctx);
+		}
 	}
 	return status;
 }

@@ -90,18 +90,25 @@ void handle_invoke(ubus_context *ctx, const ubus_msghdr *hdr, blob_attr *data, i
 				break;
 			}
 		}
-		if (!m)
+		if (!m) {
 			ret = UBUS_STATUS_METHOD_NOT_FOUND;
-		else if (!a[UBUS_ATTR_DATA])
+		} else if (!a[UBUS_ATTR_DATA]) {
 			ret = UBUS_STATUS_INVALID_ARGUMENT;
-		else
+		} else {
+			ubus_context *saved;
+			cork_begin(ctx, &saved);
 			ret = m->handler(ctx, obj, &req, method, a[UBUS_ATTR_DATA]);
+			if (!req.deferred && !no_reply)
+				send_status(ctx, &req, ret);
+			cork_end(saved);
+			close_fd(req.req_fd);
+			return;
+		}
 	}
 	close_fd(req.req_fd);
 	req.req_fd = -1;
-	if (req.deferred || no_reply) {
+	if (req.deferred || no_reply)
 		return;
-	}
 	send_status(ctx, &req, ret);
 }
 

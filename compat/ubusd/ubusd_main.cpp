@@ -56,24 +56,33 @@ struct Loop {
 		bus.remove_client(cl);
 	}
 
-	// Writes what is queued; returns false when the peer is gone.
+	// Writes what is queued; returns false when the peer is gone. Consecutive messages go out in one call, so a
+	// reply and its status usually wake the receiver once; a descriptor travels with the first byte of its message.
 	bool flush(ubusd::Client &cl)
 	{
+		constexpr size_t kBatch = 32;
 		while (!cl.txq.empty()) {
-			ubusd::Frame &f = cl.txq.front();
-			iovec iov{f.bytes.data() + cl.tx_offset, f.bytes.size() - cl.tx_offset};
+			iovec iov[kBatch];
+			size_t cnt = 0;
+			int fd = cl.txq.front().fd;
+			for (auto it = cl.txq.begin(); it != cl.txq.end() && cnt < kBatch; ++it) {
+				if (cnt && it->fd >= 0)
+					break;
+				size_t skip = cnt ? 0 : cl.tx_offset;
+				iov[cnt++] = iovec{it->bytes.data() + skip, it->bytes.size() - skip};
+			}
 			msghdr mh{};
-			mh.msg_iov = &iov;
-			mh.msg_iovlen = 1;
+			mh.msg_iov = iov;
+			mh.msg_iovlen = cnt;
 			alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
-			if (f.fd >= 0) {
+			if (fd >= 0) {
 				mh.msg_control = ctl;
 				mh.msg_controllen = sizeof(ctl);
 				cmsghdr *c = CMSG_FIRSTHDR(&mh);
 				c->cmsg_level = SOL_SOCKET;
 				c->cmsg_type = SCM_RIGHTS;
 				c->cmsg_len = CMSG_LEN(sizeof(int));
-				memcpy(CMSG_DATA(c), &f.fd, sizeof(int));
+				memcpy(CMSG_DATA(c), &fd, sizeof(int));
 			}
 			ssize_t n = sendmsg(cl.sock, &mh, MSG_NOSIGNAL | MSG_DONTWAIT);
 			if (n < 0) {
@@ -86,12 +95,19 @@ struct Loop {
 				}
 				return false;
 			}
-			if (f.fd >= 0) {
-				::close(f.fd);
-				f.fd = -1;
+			if (fd >= 0) {
+				::close(fd);
+				cl.txq.front().fd = -1;
 			}
-			cl.tx_offset += size_t(n);
-			if (cl.tx_offset == f.bytes.size()) {
+			size_t done = size_t(n);
+			while (done > 0) {
+				ubusd::Frame &f = cl.txq.front();
+				size_t left = f.bytes.size() - cl.tx_offset;
+				if (done < left) {
+					cl.tx_offset += done;
+					break;
+				}
+				done -= left;
 				cl.txq_bytes -= f.bytes.size();
 				cl.tx_offset = 0;
 				cl.txq.pop_front();
