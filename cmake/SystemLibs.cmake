@@ -1,12 +1,18 @@
-# -DGWCONF_SYSTEM_LIBS=ON: use an installed libubox/libubus/libuci (an OpenWrt SDK staging dir, or our own
-# `cmake --install` prefix) found through CMAKE_PREFIX_PATH, and the ubusd, ubus and uci programs beside them.
+# -DGWCONF_SYSTEM_LIBS=ON: build against an installed libubox, libblobmsg_json, libubus and libuci (an OpenWrt SDK
+# staging folder, or a prefix filled by `cmake --install` of an ordinary build of this project), found through
+# CMAKE_PREFIX_PATH (or CMAKE_FIND_ROOT_PATH when cross-compiling), and test with the ubusd, ubus and uci programs
+# of that installation.
+#
+# Libraries are imported by full path, so CMake puts their folder into the build RPATH of gwconfd and of the test
+# programs: they find the installed libraries at run time without LD_LIBRARY_PATH.
 function(gwconf_import target libname header)
-  find_library(${target}_LIBRARY NAMES ${libname} REQUIRED)
-  find_path(${target}_INCLUDE_DIR NAMES ${header} REQUIRED)
+  find_library(GWCONF_${target}_LIBRARY NAMES ${libname} REQUIRED)
+  find_path(GWCONF_${target}_INCLUDE_DIR NAMES ${header} REQUIRED)
   add_library(gw::${target} UNKNOWN IMPORTED GLOBAL)
   set_target_properties(gw::${target} PROPERTIES
-    IMPORTED_LOCATION ${${target}_LIBRARY}
-    INTERFACE_INCLUDE_DIRECTORIES ${${target}_INCLUDE_DIR})
+    IMPORTED_LOCATION ${GWCONF_${target}_LIBRARY}
+    INTERFACE_INCLUDE_DIRECTORIES ${GWCONF_${target}_INCLUDE_DIR})
+  message(STATUS "gwconf: ${libname} from ${GWCONF_${target}_LIBRARY}")
 endfunction()
 
 gwconf_import(ubox ubox libubox/uloop.h)
@@ -16,6 +22,21 @@ gwconf_import(uci uci uci.h)
 set_property(TARGET gw::blobmsg_json APPEND PROPERTY INTERFACE_LINK_LIBRARIES gw::ubox PkgConfig::JSONC)
 set_property(TARGET gw::ubus APPEND PROPERTY INTERFACE_LINK_LIBRARIES gw::ubox)
 
-find_program(GWCONF_UBUSD NAMES ubusd PATH_SUFFIXES sbin REQUIRED)
-find_program(GWCONF_UBUS NAMES ubus PATH_SUFFIXES bin REQUIRED)
-find_program(GWCONF_UCI NAMES uci PATH_SUFFIXES bin REQUIRED)
+# The programs of the installation. The tests and the emulated router need them; a package build (no tests, often
+# cross-compiled, where the staging folder holds no programs for this machine) does not.
+if(GWCONF_TESTS AND NOT CMAKE_CROSSCOMPILING)
+  set(gwconf_programs_required REQUIRED)
+endif()
+find_program(GWCONF_UBUSD NAMES ubusd PATH_SUFFIXES sbin ${gwconf_programs_required})
+find_program(GWCONF_UBUS NAMES ubus PATH_SUFFIXES bin ${gwconf_programs_required})
+find_program(GWCONF_UCI NAMES uci PATH_SUFFIXES bin ${gwconf_programs_required})
+
+# Tests that start the tools by their place in the build (GWCONF_BIN_DIR/ubusd, .../ubus, .../uci) get the
+# installation's programs: link them into the build's program folder.
+if(gwconf_programs_required)
+  file(MAKE_DIRECTORY ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
+  foreach(prog UBUSD UBUS UCI)
+    string(TOLOWER ${prog} name)
+    file(CREATE_LINK ${GWCONF_${prog}} ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${name} SYMBOLIC)
+  endforeach()
+endif()
