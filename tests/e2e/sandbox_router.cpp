@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <dirent.h>
 #include <unistd.h>
 #include <string>
@@ -151,6 +153,36 @@ TEST_F(SandboxTest, NestedSandboxLeavesItsParentUntouched)
     EXPECT_TRUE(journal().empty()) << "the nested sandbox has a journal of its own";
 }
 
+TEST_F(SandboxTest, LauncherStartsWhatItsOptionsSayAndKeepsLogsOnRequest)
+{
+    const std::string router = std::string(GWCONF_SOURCE_DIR) + "/sandbox/router";
+    const bool haveBus = fileExists(std::getenv("GWCONF_UBUSD") ? std::getenv("GWCONF_UBUSD") : "");
+    const bool haveDaemon = fileExists(std::getenv("GWCONF_GWCONFD") ? std::getenv("GWCONF_GWCONFD") : "");
+
+    RunResult bad = run({router, "--no-such-option"});
+    EXPECT_EQ(bad.status, 125);
+    EXPECT_NE(bad.err.find("unknown option '--no-such-option'"), std::string::npos) << bad.err;
+
+    // The logs folder is on this sandbox's /tmp, which plays the host for the inner one.
+    RunResult none = run({router, "--no-daemon", "--build", buildDir(), "--logs", "/tmp/logs", "--", "bash", "-c",
+                          "test ! -e /var/run/ubus/ubus.sock && /etc/init.d/network reload"});
+    EXPECT_EQ(none.status, 0) << none.err;
+    EXPECT_EQ(readFile("/tmp/logs/journal"), "/etc/init.d/network reload\n");
+    EXPECT_TRUE(fileExists("/tmp/logs/gwconfd.log"));
+
+    if (haveBus) {
+        RunResult bus = run({router, "--bus-only", "--build", buildDir(), "--", "bash", "-c",
+                             "test -S /var/run/ubus/ubus.sock && ! pgrep -x gwconfd"});
+        EXPECT_EQ(bus.status, 0) << "the bus runs, gwconfd does not\n" << bus.err;
+    }
+    if (haveBus && haveDaemon) {
+        RunResult full = run({router, "--build", buildDir(), "--", "ubus", "-S", "list"});
+        EXPECT_EQ(full.status, 0) << full.err;
+        for (const auto &object : kDaemonObjects)
+            EXPECT_THAT(splitLines(full.out), Contains(object)) << "registered before the command starts";
+    }
+}
+
 TEST_F(SandboxTest, JournalKeepsEveryArgumentOneWord)
 {
     // Metacharacters reach the journal as plain text of one argument and are never run.
@@ -275,6 +307,24 @@ TEST_F(SandboxTest, DaemonComesUpStopsAndRestarts)
     EXPECT_FALSE(daemonRunning());
     startDaemon();
     EXPECT_TRUE(daemonRunning());
+}
+
+// The command helper the feature tests rely on.
+TEST(FixtureRun, SeparatesOutputsFeedsInputAndEndsHungPrograms)
+{
+    RunResult r = run({"bash", "-c", "cat; echo to-err >&2; exit 3", "ignored"}, "to-out\n");
+    EXPECT_EQ(r.status, 3);
+    EXPECT_EQ(r.out, "to-out\n");
+    EXPECT_EQ(r.err, "to-err\n");
+
+    EXPECT_EQ(run({"bash", "-c", "kill -TERM $$"}).status, 128 + SIGTERM);
+    EXPECT_EQ(run({"/no/such/program"}).status, 127);
+
+    auto begin = std::chrono::steady_clock::now();
+    RunResult hung = run({"sleep", "30"}, {}, 300);
+    EXPECT_EQ(hung.status, 128 + SIGKILL);
+    EXPECT_NE(hung.err.find("[run: sleep killed after 300 ms]"), std::string::npos) << hung.err;
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
 }
 
 // The log matcher the feature tests rely on.

@@ -155,7 +155,7 @@ bool sanitizerReported(const std::string &log)
 
 // ---- plain helpers ------------------------------------------------------------------------------------------
 
-RunResult run(const std::vector<std::string> &argv, const std::string &input)
+RunResult run(const std::vector<std::string> &argv, const std::string &input, int timeoutMs)
 {
     RunResult result;
     int inPipe[2], outPipe[2], errPipe[2];
@@ -184,8 +184,20 @@ RunResult run(const std::vector<std::string> &argv, const std::string &input)
     pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
     std::string *sinks[2] = {&result.out, &result.err};
     int openPipes = 2;
+    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    bool killed = false;
     while (openPipes > 0) {
-        if (poll(fds, 2, -1) < 0 && errno != EINTR)
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0) {
+            if (killed)
+                break;   // something the program started still holds its output open
+            kill(pid, SIGKILL);
+            killed = true;
+            result.err += "[run: " + argv[0] + " killed after " + std::to_string(timeoutMs) + " ms]\n";
+            deadline = Clock::now() + std::chrono::seconds(2);
+            continue;
+        }
+        if (poll(fds, 2, static_cast<int>(left)) < 0 && errno != EINTR)
             break;
         for (int i = 0; i < 2; ++i) {
             if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR)))
@@ -201,6 +213,9 @@ RunResult run(const std::vector<std::string> &argv, const std::string &input)
             }
         }
     }
+    for (auto &f : fds)
+        if (f.fd >= 0)
+            close(f.fd);
     int st = 0;
     waitpid(pid, &st, 0);
     result.status = decodeStatus(st);
@@ -415,7 +430,7 @@ bool RouterTest::daemonRunning()
 
 std::vector<std::string> RouterTest::objects()
 {
-    return splitLines(run({tool("GWCONF_UBUS", "ubus"), "-S", "list"}).out);
+    return splitLines(run({tool("GWCONF_UBUS", "ubus"), "-S", "list"}, {}, 10000).out);
 }
 
 bool RouterTest::waitObjects(const std::vector<std::string> &names, int timeoutMs)
@@ -441,7 +456,7 @@ CallResult RouterTest::call(const std::string &object, const std::string &method
                                      "call", object, method};
     if (!json.empty())
         argv.push_back(json);
-    RunResult r = run(argv);
+    RunResult r = run(argv, {}, (timeoutSeconds + 10) * 1000);
     CallResult c;
     c.status = r.status;
     c.reply = r.out;

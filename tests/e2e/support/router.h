@@ -52,8 +52,9 @@ struct RunResult {
 };
 
 // Runs a program (looked up on PATH) with these arguments, no shell involved, feeding it `input` on stdin, and
-// waits for it.
-RunResult run(const std::vector<std::string> &argv, const std::string &input = {});
+// waits for it. After timeoutMs it is killed (status 137) and err ends with "[run: <program> killed after ...]",
+// so a hung tool fails the test with a message instead of running into ctest's time limit.
+RunResult run(const std::vector<std::string> &argv, const std::string &input = {}, int timeoutMs = 60000);
 
 std::string readFile(const std::string &path);   // the whole file; "" when it cannot be read
 bool fileExists(const std::string &path);
