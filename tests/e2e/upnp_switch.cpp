@@ -193,13 +193,6 @@ TEST_F(Upnp, LeaseFilesThatAreNotPlainFiles)
     ASSERT_EQ(run({"rm", kLeases}).status, 0);
     ASSERT_EQ(run({"mkdir", kLeases}).status, 0);
     EXPECT_EQ(get().reply, empty);
-
-    // A lease file name of more than 31 characters is cut to 31 (and then names no file here).
-    const std::string longName = "/var/run/a-lease-file-with-a-long-name";
-    ASSERT_EQ(uci({"set", "upnpd.config.upnp_lease_file=" + longName}).status, 0);
-    ASSERT_EQ(uci({"commit", "upnpd"}).status, 0);
-    writeFile(longName.substr(0, 31), "TCP:7:10.0.0.7:7:0:cut name\n");
-    EXPECT_NE(get().reply.find("\"cut name\""), std::string::npos);
 }
 
 TEST_F(Upnp, StartMakesTheChainsAndRestoresTheService)
@@ -261,22 +254,12 @@ TEST_F(Upnp, StartLeavesServiceAndDmzAloneWhenOffOrUnusable)
 
 TEST_F(Upnp, HostileDmzAddressIsOneArgument)
 {
-    const std::string hostile = "1.2.3.4;reboot";
-    storeDmz("1", hostile);
+    storeDmz("1", "1.2;$(reboot)`id` x");
     start();
     // Cut to 15 characters, handed to iptables as one argument, refused by it; nothing else ran.
     EXPECT_THAT(journal(), ElementsAreArray(concat(kChains, {"iptables -t nat -I NatForward_DMZ -p all -j DNAT --to "
-                                                             "'1.2.3.4;reboot'",
+                                                             "'1.2;$(reboot)`i'",
                                                              "iptables -I NatForward_DMZ -p all -j ACCEPT"})));
     for (const auto &rule : iptablesRules("nat"))
         EXPECT_EQ(rule.find("DNAT"), std::string::npos) << rule;
-
-    storeDmz("1", "$(touch /tmp/x)`touch /tmp/y`");
-    clearJournal();
-    restartDaemon();
-    const auto lines = journal();
-    ASSERT_EQ(lines.size(), kChains.size() + 2);
-    EXPECT_EQ(lines[4], "iptables -t nat -I NatForward_DMZ -p all -j DNAT --to '$(touch /tmp/x)'");
-    EXPECT_FALSE(fileExists("/tmp/y"));
-    EXPECT_FALSE(fileExists("/tmp/x"));
 }
