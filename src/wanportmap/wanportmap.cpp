@@ -206,18 +206,16 @@ int ubus_setConfig(struct ubus_context *ctx, struct ubus_object *, struct ubus_r
     } else {
         config.exPort = blobmsg_get_u32(tb[E_SETWANPORTMAP_EXPORT]);
     }
-    bool badAddress = false;
     if (tb[E_SETWANPORTMAP_REMOTEADDR] != nullptr) {
         const char *text = blobmsg_get_string(tb[E_SETWANPORTMAP_REMOTEADDR]);
         if (inet_pton(AF_INET, text, &config.remoteAddr) != 1) {
             log_error("[%s:%d]RemoteAddr(%s) is invaild", __func__, __LINE__, text);
             config.remoteAddr.s_addr = 0;
-            badAddress = true;
             result = -1;
         }
     }
 
-    if (result == 0 && !badAddress) {
+    if (result == 0) {
         result = setConfig(config);
         // The stored setting is applied shortly, also after a failed write: then whatever is stored is applied.
         uloop_timeout_set(&wanPortMapTimer, WANPORTMAP_CHANGE_DELAY_MS);
