@@ -5,6 +5,24 @@
 #
 # Libraries are imported by full path, so CMake puts their folder into the build RPATH of gwconfd and of the test
 # programs: they find the installed libraries at run time without LD_LIBRARY_PATH.
+
+# Found paths are cached; look everything up again when CMAKE_PREFIX_PATH changes in an existing build folder, and
+# look up again what has gone from where it was found.
+set(gwconf_found_vars GWCONF_ubox_LIBRARY GWCONF_ubox_INCLUDE_DIR GWCONF_blobmsg_json_LIBRARY
+  GWCONF_blobmsg_json_INCLUDE_DIR GWCONF_ubus_LIBRARY GWCONF_ubus_INCLUDE_DIR GWCONF_uci_LIBRARY
+  GWCONF_uci_INCLUDE_DIR GWCONF_UBUSD GWCONF_UBUS GWCONF_UCI)
+if(DEFINED GWCONF_FOUND_WITH_PREFIX_PATH AND NOT "${CMAKE_PREFIX_PATH}" STREQUAL "${GWCONF_FOUND_WITH_PREFIX_PATH}")
+  foreach(var ${gwconf_found_vars})
+    unset(${var} CACHE)
+  endforeach()
+endif()
+foreach(var ${gwconf_found_vars})
+  if(${var} AND NOT EXISTS "${${var}}")
+    unset(${var} CACHE)
+  endif()
+endforeach()
+set(GWCONF_FOUND_WITH_PREFIX_PATH "${CMAKE_PREFIX_PATH}" CACHE INTERNAL "CMAKE_PREFIX_PATH of the last look-up")
+
 function(gwconf_import target libname header)
   find_library(GWCONF_${target}_LIBRARY NAMES ${libname} REQUIRED)
   find_path(GWCONF_${target}_INCLUDE_DIR NAMES ${header} REQUIRED)
