@@ -166,7 +166,9 @@ TEST_F(Packaging, DefaultPackagesAreTheRouterDefaultsAndStartEverythingSwitchedO
               R"({"params":{"enable":0,"vlanId":0,"vlan1":0,"vlan2":0,"vlan3":0,"type":0},"result":true})");
     EXPECT_EQ(call("RTWanPortMap", "getWanPortMap").reply,
               R"({"params":{"Enabled":0,"InPort":0,"ExPort":0,"RemoteAddr":"0.0.0.0"},"result":true})");
-    EXPECT_EQ(call("zelmad.macfilter", "getMacFilter").status, 0);
+    EXPECT_EQ(call("RTMacFilter", "getMacFilterList").reply, R"({"params":{"enable":0},"result":true})");
+    EXPECT_EQ(call("zelmad.macfilter", "getMacFilter").reply,
+              R"({"zelmad.macfilter":{"macFilterEnable":0,"macFilterPolicy":0,"macFilterEntries":""}})");
 }
 
 TEST_F(Packaging, FirewallIncludeLinksTheRedirectChainsOnceAndRestoresTheLastApply)
