@@ -16,6 +16,28 @@ namespace {
 
 std::size_t limitOf(int len) { return len > 0 ? static_cast<std::size_t>(len) : 0; }
 
+// One edit of a single option or list value in a context of its own, then save and commit. Returns the first
+// failing libuci call's number; the callers differ only in the edit and in their messages.
+int editSaveCommit(int (*edit)(uci_context *, uci_ptr *), const char *package, const char *section,
+                   const char *option, const char *value)
+{
+    UciContext ctx;
+    if (!ctx)
+        return UCI_ERR_MEM;
+    uci_ptr ptr{};
+    ptr.package = package;
+    ptr.section = section;
+    ptr.option = option;
+    ptr.value = value;
+    int rc = edit(ctx.get(), &ptr);
+    if (rc != UCI_OK)
+        return rc;
+    rc = uci_save(ctx.get(), ptr.p);
+    if (rc != UCI_OK)
+        return rc;
+    return uci_commit(ctx.get(), &ptr.p, false);
+}
+
 }  // namespace
 
 int uciGetConfig(const char *package, const char *section, const char *option, char *buffer, int len)
@@ -58,22 +80,8 @@ int uciSetConfig(const char *package, const char *section, const char *option, c
         log_error("[%s:%d]UCI_ERR_INVAL", __func__, __LINE__);
         return UCI_ERR_INVAL;
     }
-    UciContext ctx;
-    if (!ctx)
-        return UCI_ERR_MEM;
-    uci_ptr ptr{};
-    ptr.package = package;
-    ptr.section = section;
-    ptr.option = option;
-    ptr.value = value;
     // uci_set loads the package itself and refuses an option of a section that does not exist.
-    int rc = uci_set(ctx.get(), &ptr);
-    if (rc != UCI_OK)
-        return rc;
-    rc = uci_save(ctx.get(), ptr.p);
-    if (rc != UCI_OK)
-        return rc;
-    return uci_commit(ctx.get(), &ptr.p, false);
+    return editSaveCommit(uci_set, package, section, option, value);
 }
 
 // Copies an option's value into the caller's buffer: a single text cut to len characters, or a list joined by
@@ -267,19 +275,5 @@ int uciDelList(const char *package, const char *section, const char *option, con
         log_error("[%s:%d]param is null", __func__, __LINE__);
         return UCI_ERR_INVAL;
     }
-    UciContext ctx;
-    if (!ctx)
-        return UCI_ERR_MEM;
-    uci_ptr ptr{};
-    ptr.package = package;
-    ptr.section = section;
-    ptr.option = option;
-    ptr.value = value;
-    int rc = uci_del_list(ctx.get(), &ptr);
-    if (rc != UCI_OK)
-        return rc;
-    rc = uci_save(ctx.get(), ptr.p);
-    if (rc != UCI_OK)
-        return rc;
-    return uci_commit(ctx.get(), &ptr.p, false);
+    return editSaveCommit(uci_del_list, package, section, option, value);
 }
