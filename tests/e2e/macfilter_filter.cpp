@@ -115,7 +115,7 @@ TEST_F(MacFilterTest, ThirtyThirdEntryIsRefused)
 {
     std::vector<std::string> black;
     for (int i = 0; i < 31; ++i) {
-        char entry[32];
+        char entry[48];
         snprintf(entry, sizeof entry, "AA:BB:CC:DD:EE:%02X/dev%d", i, i);
         black.push_back(entry);
     }
