@@ -238,16 +238,7 @@ int ubus_lookup(struct ubus_context *ctx, const char *path, ubus_lookup_handler_
 
 int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id)
 {
-	blob_buf_init(&b, 0);
-	if (path)
-		blob_put_string(&b, UBUS_ATTR_OBJPATH, path);
-	ubus_request req;
-	if (send_request(ctx, &req, b.head, UBUS_MSG_LOOKUP, 0, -1) < 0)
-		return UBUS_STATUS_INVALID_ARGUMENT;
-	LookupCall call{lookup_id_cb, id};
-	req.raw_data_cb = lookup_reply;
-	req.priv = &call;
-	return ubus_complete_request(ctx, &req, 0);
+	return ubus_lookup(ctx, path, lookup_id_cb, id);
 }
 
 int ubus_invoke_async_fd(struct ubus_context *ctx, uint32_t obj, const char *method, struct blob_attr *msg,
