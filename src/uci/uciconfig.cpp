@@ -17,13 +17,20 @@ namespace {
 std::size_t limitOf(int len) { return len > 0 ? static_cast<std::size_t>(len) : 0; }
 
 // One edit of a single option or list value in a context of its own, then save and commit. Returns the first
-// failing libuci call's number; the callers differ only in the edit and in their messages.
+// failing call's number. With `caller` given, that failure is also logged as "[caller:line]<call> error" (the
+// edit named `editName`); without it the failure is only returned.
 int editSaveCommit(int (*edit)(uci_context *, uci_ptr *), const char *package, const char *section,
-                   const char *option, const char *value)
+                   const char *option, const char *value, const char *caller = nullptr,
+                   const char *editName = nullptr)
 {
+    auto fail = [caller](const char *call, int line, int rc) {
+        if (caller)
+            log_error("[%s:%d]%s error", caller, line, call);
+        return rc;
+    };
     UciContext ctx;
     if (!ctx)
-        return UCI_ERR_MEM;
+        return fail("uci_alloc_context", __LINE__, UCI_ERR_MEM);
     uci_ptr ptr{};
     ptr.package = package;
     ptr.section = section;
@@ -31,11 +38,14 @@ int editSaveCommit(int (*edit)(uci_context *, uci_ptr *), const char *package, c
     ptr.value = value;
     int rc = edit(ctx.get(), &ptr);
     if (rc != UCI_OK)
-        return rc;
+        return fail(editName, __LINE__, rc);
     rc = uci_save(ctx.get(), ptr.p);
     if (rc != UCI_OK)
-        return rc;
-    return uci_commit(ctx.get(), &ptr.p, false);
+        return fail("uci_save", __LINE__, rc);
+    rc = uci_commit(ctx.get(), &ptr.p, false);
+    if (rc != UCI_OK)
+        return fail("uci_commit", __LINE__, rc);
+    return UCI_OK;
 }
 
 }  // namespace
@@ -241,32 +251,7 @@ int uciAddList(const char *package, const char *section, const char *option, con
         log_error("[%s:%d]param is null", __func__, __LINE__);
         return UCI_ERR_INVAL;
     }
-    UciContext ctx;
-    if (!ctx) {
-        log_error("[%s:%d]uci_alloc_context error", __func__, __LINE__);
-        return UCI_ERR_MEM;
-    }
-    uci_ptr ptr{};
-    ptr.package = package;
-    ptr.section = section;
-    ptr.option = option;
-    ptr.value = value;
-    int rc = uci_add_list(ctx.get(), &ptr);
-    if (rc != UCI_OK) {
-        log_error("[%s:%d]uci_add_list error", __func__, __LINE__);
-        return rc;
-    }
-    rc = uci_save(ctx.get(), ptr.p);
-    if (rc != UCI_OK) {
-        log_error("[%s:%d]uci_save error", __func__, __LINE__);
-        return rc;
-    }
-    rc = uci_commit(ctx.get(), &ptr.p, false);
-    if (rc != UCI_OK) {
-        log_error("[%s:%d]uci_commit error", __func__, __LINE__);
-        return rc;
-    }
-    return UCI_OK;
+    return editSaveCommit(uci_add_list, package, section, option, value, __func__, "uci_add_list");
 }
 
 int uciDelList(const char *package, const char *section, const char *option, const char *value)
