@@ -42,6 +42,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 #include <vector>
 
@@ -473,9 +474,15 @@ void saveRules()
 
 void restoreRules()
 {
+    timespec t0, t1;
+    clock_gettime(CLOCK_MONOTONIC, &t0);
     run({"nft", "flush", "ruleset"});
     for (const auto &s : kSaved)
         run({s[1]}, s[2]);
+    clock_gettime(CLOCK_MONOTONIC, &t1);
+    if (g_verbose)
+        std::fprintf(stderr, "fuzz_handlers: kernel rules put back in %ld ms\n",
+                     long((t1.tv_sec - t0.tv_sec) * 1000 + (t1.tv_nsec - t0.tv_nsec) / 1000000));
 }
 
 void reapChildren()
