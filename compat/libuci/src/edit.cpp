@@ -94,11 +94,8 @@ int op_del_list(uci_context *ctx, uci_ptr *ptr, bool record)
 		return 0;
 	uci_element *e, *tmp;
 	uci_foreach_element_safe(&ptr->o->v.list, tmp, e) {
-		if (strcmp(e->name, ptr->value) == 0) {
-			list_del(&e->list);
-			free(e->name);
-			free(e);
-		}
+		if (strcmp(e->name, ptr->value) == 0)
+			item_free(ptr->o, e);
 	}
 	// Removing an absent value is still recorded, so that replaying the change gives the same result.
 	if (record)
@@ -131,9 +128,7 @@ int op_delete(uci_context *ctx, uci_ptr *ptr, bool record)
 			uci_element *e;
 			uci_foreach_element(&o->v.list, e) {
 				if (index-- == 0) {
-					list_del(&e->list);
-					free(e->name);
-					free(e);
+					item_free(o, e);
 					if (record)
 						record_delta(ptr->p, UCI_CMD_REMOVE, section.c_str(), option.c_str(), ptr->value);
 					return 0;

@@ -26,6 +26,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 
 using namespace uci_impl;
@@ -133,47 +134,101 @@ void sync_dir(const std::string &dir)
 	close(fd);
 }
 
-// Text with every ' written as '\'' (the quote closes, an escaped quote, the quote reopens).
-std::string escape(std::string_view v)
+// Appends v with every ' written as '\'' (the quote closes, an escaped quote, the quote reopens).
+void append_escaped(std::string &out, std::string_view v)
+{
+	for (size_t at = 0;;) {
+		size_t q = v.find('\'', at);
+		out.append(v.substr(at, q == std::string_view::npos ? std::string_view::npos : q - at));
+		if (q == std::string_view::npos)
+			return;
+		out += "'\\''";
+		at = q + 1;
+	}
+}
+
+void append_quoted(std::string &out, std::string_view v)
+{
+	out += '\'';
+	append_escaped(out, v);
+	out += '\'';
+}
+
+std::string quoted(std::string_view v)
 {
 	std::string r;
-	r.reserve(v.size());
-	for (char c : v) {
-		if (c == '\'')
-			r += "'\\''";
-		else
-			r += c;
-	}
+	append_quoted(r, v);
 	return r;
 }
 
-std::string quoted(std::string_view v) { return "'" + escape(v) + "'"; }
+// Where export text goes: collected in a buffer that is handed to the sink whenever it holds 64 KiB, so
+// that a large package is never held as text in memory as a whole.
+class Output {
+public:
+	explicit Output(std::function<void(const std::string &)> sink) : sink_(std::move(sink)) { buf_.reserve(kChunk + 4096); }
+	std::string &text() { return buf_; }
+	// Passes a full buffer on; call after each line.
+	void line_done()
+	{
+		if (buf_.size() >= kChunk)
+			flush();
+	}
+	void flush()
+	{
+		if (!buf_.empty())
+			sink_(buf_);
+		buf_.clear();
+	}
 
-void export_package(std::string &out, uci_context *ctx, uci_package *p, bool header)
+private:
+	static constexpr size_t kChunk = 65536;
+	std::function<void(const std::string &)> sink_;
+	std::string buf_;
+};
+
+void export_package(Output &output, uci_context *ctx, uci_package *p, bool header)
 {
-	if (header)
-		out += "package " + escape(p->e.name) + "\n";
+	std::string &out = output.text();
+	if (header) {
+		out += "package ";
+		append_escaped(out, p->e.name);
+		out += '\n';
+	}
 	uci_element *se;
 	uci_foreach_element(&p->sections, se) {
 		uci_section *s = uci_to_section(se);
 		out += "\nconfig ";
-		out += escape(s->type);
-		if (!s->anonymous || (ctx->flags & UCI_FLAG_EXPORT_NAME))
-			out += " " + quoted(s->e.name);
-		out += "\n";
+		append_escaped(out, s->type);
+		if (!s->anonymous || (ctx->flags & UCI_FLAG_EXPORT_NAME)) {
+			out += ' ';
+			append_quoted(out, s->e.name);
+		}
+		out += '\n';
 		uci_element *oe;
 		uci_foreach_element(&s->options, oe) {
 			uci_option *o = uci_to_option(oe);
 			if (o->type == UCI_TYPE_STRING) {
-				out += "\toption " + escape(o->e.name) + " " + quoted(o->v.string) + "\n";
+				out += "\toption ";
+				append_escaped(out, o->e.name);
+				out += ' ';
+				append_quoted(out, o->v.string);
+				out += '\n';
+				output.line_done();
 				continue;
 			}
 			uci_element *ie;
-			uci_foreach_element(&o->v.list, ie)
-				out += "\tlist " + escape(o->e.name) + " " + quoted(ie->name) + "\n";
+			uci_foreach_element(&o->v.list, ie) {
+				out += "\tlist ";
+				append_escaped(out, o->e.name);
+				out += ' ';
+				append_quoted(out, ie->name);
+				out += '\n';
+				output.line_done();
+			}
 		}
+		output.line_done();
 	}
-	out += "\n";
+	out += '\n';
 }
 
 std::string delta_text(const uci_delta *d, const char *package)
@@ -425,9 +480,11 @@ uci_package *parse_file(uci_context *ctx, int fd, const Source &src)
 		close(copy);
 		fail(UCI_ERR_IO);
 	}
+	struct stat st;
+	size_t size = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
 	std::vector<uci_package *> created;
 	try {
-		parse_config(ctx, f, src.name.c_str(), ImportMode::load, nullptr, created);
+		parse_config(ctx, f, src.name.c_str(), ImportMode::load, nullptr, created, size);
 		fclose(f);
 	} catch (...) {
 		fclose(f);
@@ -500,10 +557,11 @@ void save_deltas_impl(uci_context *ctx, uci_package *p)
 	delta_list_free(&p->delta);
 }
 
-// Writes content to a temporary file beside path, syncs it and gives it the mode of the config file.
+// Writes p (exported) to a temporary file beside path, syncs it and gives it the mode of the config file.
 // Returns the open temporary file; temp receives its name.
-int write_temp(const std::string &path, const char *pkg, const std::string &content, mode_t mode, std::string &temp)
+int write_temp(const std::string &path, uci_context *ctx, uci_package *p, mode_t mode, std::string &temp)
 {
+	const char *pkg = p->e.name;
 	std::string tmpl = join(dir_of(path), std::string(".") + pkg + ".uci-XXXXXX");
 	std::vector<char> name(tmpl.begin(), tmpl.end());
 	name.push_back(0);
@@ -513,7 +571,9 @@ int write_temp(const std::string &path, const char *pkg, const std::string &cont
 	temp = name.data();
 	try {
 		lock_fd(fd, LOCK_EX);
-		write_all(fd, content);
+		Output out([fd](const std::string &text) { write_all(fd, text); });
+		export_package(out, ctx, p, false);
+		out.flush();
 		if (fsync(fd) < 0 || fchmod(fd, mode) < 0)
 			fail(UCI_ERR_IO);
 	} catch (...) {
@@ -542,8 +602,6 @@ void replace_config(const std::string &temp, const std::string &path)
 // A package without deltas (loaded by path, or imported) is written as it is.
 void write_tree(uci_context *ctx, uci_package *p, const std::string &path)
 {
-	std::string content;
-	export_package(content, ctx, p, false);
 	DirLock dir(dir_of(path), LOCK_EX);
 	mode_t mode = file_mode(path, UCI_FILEMODE);
 	Fd cfd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, mode));
@@ -554,7 +612,7 @@ void write_tree(uci_context *ctx, uci_package *p, const std::string &path)
 	if (fstat(cfd.get(), &st) == 0)
 		mode = st.st_mode & 07777;
 	std::string temp;
-	Fd tfd(write_temp(path, p->e.name, content, mode, temp));
+	Fd tfd(write_temp(path, ctx, p, mode, temp));
 	tfd.reset();
 	replace_config(temp, path);
 }
@@ -621,10 +679,8 @@ void commit_with_deltas(uci_context *ctx, uci_package **pp, bool overwrite)
 	if (applied == 0)
 		return;
 
-	std::string content;
-	export_package(content, ctx, target, false);
 	std::string temp;
-	Fd tfd(write_temp(path, pkg.c_str(), content, mode, temp));
+	Fd tfd(write_temp(path, ctx, target, mode, temp));
 
 	if (dfd.get() >= 0) {
 		// Record what this commit produces before the rename (see the top of this file).
@@ -724,7 +780,10 @@ int uci_export(struct uci_context *ctx, FILE *stream, struct uci_package *packag
 	return guarded(ctx, [&] {
 		if (!stream)
 			fail(UCI_ERR_INVAL);
-		std::string out;
+		Output out([stream](const std::string &text) {
+			if (fwrite(text.data(), 1, text.size(), stream) != text.size())
+				fail(UCI_ERR_IO);
+		});
 		if (package) {
 			export_package(out, ctx, package, header);
 		} else {
@@ -732,8 +791,7 @@ int uci_export(struct uci_context *ctx, FILE *stream, struct uci_package *packag
 			uci_foreach_element(&ctx->root, e)
 				export_package(out, ctx, uci_to_package(e), header);
 		}
-		if (!out.empty() && fwrite(out.data(), 1, out.size(), stream) != out.size())
-			fail(UCI_ERR_IO);
+		out.flush();
 	});
 }
 

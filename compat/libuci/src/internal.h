@@ -3,12 +3,14 @@
 
 #include <uci.h>
 
+#include "storage.h"
+
 #include <cstdint>
 #include <functional>
 #include <new>
 #include <string>
+#include <memory>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace uci_impl {
@@ -80,7 +82,10 @@ void list_add_tail(uci_list *head, uci_list *item);
 void list_insert_before(uci_list *pos, uci_list *item);
 void list_del(uci_list *item);
 
-uci_package *package_new(uci_context *ctx, std::string_view name);
+// A package; with bulk set, what is added to it goes to an arena (first block sized from hint) until
+// package_seal. The parser builds packages that way.
+uci_package *package_new(uci_context *ctx, std::string_view name, bool bulk = false, size_t hint = 0);
+void package_seal(uci_package *p);
 void package_free(uci_package *p);  // unlinks it from ctx->root if linked
 
 // Appends a section; name empty means anonymous (the generated cfgNNHHHH name is given).
@@ -96,6 +101,7 @@ void option_free(uci_option *o);
 void option_set_string(uci_option *o, std::string_view value);  // keeps the position; a list becomes a string
 void option_make_list(uci_option *o);                             // a string becomes a list of that one item
 void option_append_item(uci_option *o, std::string_view value);
+void item_free(uci_option *o, uci_element *item);  // unlinks and frees one list item
 void option_rename(uci_option *o, std::string_view name);
 uci_option *find_option(uci_section *s, std::string_view name);
 
@@ -136,9 +142,10 @@ enum class ImportMode {
 };
 
 // Parses configuration syntax from stream. For load/single/multi the packages created are appended to
-// `created` (not to ctx->root). For merge, `target` receives the changes.
+// `created` (not to ctx->root). For merge, `target` receives the changes. size_hint is the size of the
+// input when known (0 otherwise).
 void parse_config(uci_context *ctx, FILE *stream, const char *name, ImportMode mode, uci_package *target,
-	std::vector<uci_package *> &created);
+	std::vector<uci_package *> &created, size_t size_hint = 0);
 
 // One line of a delta file, split into its parts.
 struct DeltaLine {
@@ -159,10 +166,13 @@ void free_argument_state(uci_context *ctx);
 // Loads a package by name (config file plus deltas) or by path; it is appended to ctx->root.
 uci_package *load_package(uci_context *ctx, const char *name, bool take_lock);
 
-// Section index stored in package->priv.
-struct PackageIndex {
-	std::unordered_multimap<std::string_view, uci_section *> by_name;
+// The private state of a package (package->priv).
+struct PackageState {
+	SectionIndex index;
+	std::unique_ptr<Arena> arena;  // what the parser built; nullptr for a package made by other means
+	bool filling = false;          // new objects of the package go to the arena
+	size_t heap_objects = 0;       // objects of the tree allocated one by one (outside the arena)
 };
-inline PackageIndex *index_of(uci_package *p) { return static_cast<PackageIndex *>(p->priv); }
+inline PackageState *state_of(uci_package *p) { return static_cast<PackageState *>(p->priv); }
 
 }  // namespace uci_impl

@@ -145,6 +145,10 @@ bool Tokenizer::next(std::string &out)
 
 namespace {
 
+// The tree of a configuration file takes up to about four times the size of the file (short names and
+// values, where the fixed size of the elements dominates); longer values take less.
+size_t arena_size(size_t file_size) { return file_size * 4; }
+
 struct LineError {
 	const char *reason;
 	size_t byte;
@@ -153,8 +157,9 @@ struct LineError {
 class ConfigParser {
 public:
 	ConfigParser(uci_context *ctx, FILE *f, const char *name, ImportMode mode, uci_package *target,
-		std::vector<uci_package *> &created)
-		: ctx_(ctx), src_(f), tok_(src_, buf_, pos_), name_(name), mode_(mode), pkg_(target), created_(created)
+		std::vector<uci_package *> &created, size_t size_hint)
+		: ctx_(ctx), src_(f), tok_(src_, buf_, pos_), name_(name), mode_(mode), pkg_(target), created_(created),
+		  size_hint_(size_hint)
 	{
 	}
 
@@ -183,6 +188,9 @@ public:
 						buf_.size());
 			}
 		}
+		// Later edits allocate one by one, so that what they replace can be given back.
+		for (uci_package *p : created_)
+			package_seal(p);
 	}
 
 private:
@@ -200,8 +208,14 @@ private:
 		for (uci_package *p : created_)
 			if (strcmp(p->e.name, name) == 0)
 				fail(UCI_ERR_DUPLICATE);
-		uci_package *p = package_new(ctx_, name);
-		created_.push_back(p);
+		// What the parser builds goes to an arena; the first package of a file gets it sized to the file.
+		uci_package *p = package_new(ctx_, name, true, created_.empty() ? arena_size(size_hint_) : 0);
+		try {
+			created_.push_back(p);
+		} catch (...) {
+			package_free(p);
+			throw;
+		}
 		return p;
 	}
 
@@ -350,14 +364,15 @@ private:
 	uci_package *pkg_;
 	uci_section *sec_ = nullptr;
 	std::vector<uci_package *> &created_;
+	size_t size_hint_;
 };
 
 }  // namespace
 
 void parse_config(uci_context *ctx, FILE *stream, const char *name, ImportMode mode, uci_package *target,
-	std::vector<uci_package *> &created)
+	std::vector<uci_package *> &created, size_t size_hint)
 {
-	ConfigParser parser(ctx, stream, name, mode, target, created);
+	ConfigParser parser(ctx, stream, name, mode, target, created, size_hint);
 	parser.run();
 }
 

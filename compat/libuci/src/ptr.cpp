@@ -79,18 +79,18 @@ static bool parse_extended(const char *text, std::string &type, long &index)
 static uci_section *resolve_extended(uci_package *p, const std::string &type, long index)
 {
 	auto matches = [&](uci_section *s) { return type.empty() || type == s->type; };
-	uci_element *e;
+	uci_list *head = &p->sections;
 	if (index < 0) {
-		long count = 0;
-		uci_foreach_element(&p->sections, e)
-			if (matches(uci_to_section(e)))
-				count++;
-		index += count;
-		if (index < 0)
-			return nullptr;
+		// Counted from the end: walk backwards, so that @type[-1] does not visit the whole package.
+		for (uci_list *l = head->prev; l != head; l = l->prev) {
+			uci_section *s = uci_to_section(list_to_element(l));
+			if (matches(s) && ++index == 0)
+				return s;
+		}
+		return nullptr;
 	}
-	uci_foreach_element(&p->sections, e) {
-		uci_section *s = uci_to_section(e);
+	for (uci_list *l = head->next; l != head; l = l->next) {
+		uci_section *s = uci_to_section(list_to_element(l));
 		if (matches(s) && index-- == 0)
 			return s;
 	}

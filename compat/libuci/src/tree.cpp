@@ -98,9 +98,51 @@ void list_del(uci_list *item)
 	list_init(item);
 }
 
+// ---- allocation ----
+// The objects of a package (sections, options, list items and their strings) come from its arena while
+// the parser builds it, and from the heap one by one afterwards. Giving back an arena object does nothing:
+// the arena goes with the package.
+
+template <class T>
+static T *object_new(uci_package *p)
+{
+	PackageState *st = state_of(p);
+	if (st->filling) {
+		void *r = st->arena->alloc(sizeof(T), alignof(T));
+		memset(r, 0, sizeof(T));
+		return static_cast<T *>(r);
+	}
+	T *r = alloc_zeroed<T>();
+	st->heap_objects++;
+	return r;
+}
+
+static char *string_new(uci_package *p, std::string_view s)
+{
+	PackageState *st = state_of(p);
+	if (st->filling)
+		return st->arena->dup(s);
+	char *r = dup_string(s);
+	st->heap_objects++;
+	return r;
+}
+
+static void give_back(uci_package *p, void *mem)
+{
+	if (!mem)
+		return;
+	PackageState *st = state_of(p);
+	if (st->arena && st->arena->owns(mem))
+		return;
+	free(mem);
+	st->heap_objects--;
+}
+
+static void section_release(uci_section *s);
+
 // ---- packages ----
 
-uci_package *package_new(uci_context *ctx, std::string_view name)
+uci_package *package_new(uci_context *ctx, std::string_view name, bool bulk, size_t hint)
 {
 	uci_package *p = alloc_zeroed<uci_package>();
 	p->e.type = UCI_TYPE_PACKAGE;
@@ -112,7 +154,12 @@ uci_package *package_new(uci_context *ctx, std::string_view name)
 	p->backend = ctx->backend;
 	try {
 		p->e.name = dup_string(name);
-		p->priv = new PackageIndex;
+		auto st = std::make_unique<PackageState>();
+		if (bulk) {
+			st->arena = std::make_unique<Arena>(hint);
+			st->filling = true;
+		}
+		p->priv = st.release();
 	} catch (...) {
 		free(p->e.name);
 		free(p);
@@ -121,17 +168,22 @@ uci_package *package_new(uci_context *ctx, std::string_view name)
 	return p;
 }
 
+void package_seal(uci_package *p) { state_of(p)->filling = false; }
+
 void package_free(uci_package *p)
 {
 	if (!p)
 		return;
 	list_del(&p->e.list);
-	uci_element *e, *tmp;
-	uci_foreach_element_safe(&p->sections, tmp, e)
-		section_free(uci_to_section(e));
+	// Only objects allocated one by one need a walk; the arena and the index go at once.
+	if (state_of(p)->heap_objects) {
+		uci_element *e, *tmp;
+		uci_foreach_element_safe(&p->sections, tmp, e)
+			section_release(uci_to_section(e));
+	}
 	delta_list_free(&p->delta);
 	delta_list_free(&p->saved_delta);
-	delete index_of(p);
+	delete state_of(p);
 	free(p->path);
 	free(p->e.name);
 	free(p);
@@ -148,69 +200,60 @@ static uint32_t type_hash(std::string_view type)
 	return h & 0x7fffffff;
 }
 
-static void index_add(uci_section *s)
-{
-	index_of(s->package)->by_name.emplace(std::string_view(s->e.name), s);
-}
-
-static void index_remove(uci_section *s)
-{
-	auto &m = index_of(s->package)->by_name;
-	auto range = m.equal_range(std::string_view(s->e.name));
-	for (auto it = range.first; it != range.second; ++it) {
-		if (it->second == s) {
-			m.erase(it);
-			return;
-		}
-	}
-}
-
 uci_section *section_new(uci_package *p, std::string_view type, std::string_view name)
 {
-	uci_section *s = alloc_zeroed<uci_section>();
+	SectionIndex &index = state_of(p)->index;
+	index.reserve_one();
+	uci_section *s = object_new<uci_section>(p);
 	s->e.type = UCI_TYPE_SECTION;
 	list_init(&s->e.list);
 	list_init(&s->options);
 	s->package = p;
 	p->n_section++;
 	try {
-		s->type = dup_string(type);
+		s->type = string_new(p, type);
 		if (name.empty()) {
 			char buf[32];
 			snprintf(buf, sizeof buf, "cfg%02x%04x", static_cast<unsigned>(p->n_section),
 				static_cast<unsigned>(type_hash(type) % 0x10000));
 			s->anonymous = true;
-			s->e.name = dup_string(buf);
+			s->e.name = string_new(p, buf);
 		} else {
-			s->e.name = dup_string(name);
+			s->e.name = string_new(p, name);
 		}
-		index_add(s);
 	} catch (...) {
-		free(s->type);
-		free(s->e.name);
-		free(s);
+		give_back(p, s->type);
+		give_back(p, s);
 		throw;
 	}
+	index.insert(s);
 	list_add_tail(&p->sections, &s->e.list);
 	return s;
 }
 
-void section_free(uci_section *s)
+// Frees s and what it holds, without unlinking it.
+static void section_release(uci_section *s)
 {
-	index_remove(s);
-	list_del(&s->e.list);
+	uci_package *p = s->package;
 	uci_element *e, *tmp;
 	uci_foreach_element_safe(&s->options, tmp, e)
 		option_free(uci_to_option(e));
-	free(s->type);
-	free(s->e.name);
-	free(s);
+	give_back(p, s->type);
+	give_back(p, s->e.name);
+	give_back(p, s);
+}
+
+void section_free(uci_section *s)
+{
+	state_of(s->package)->index.remove(s);
+	list_del(&s->e.list);
+	section_release(s);
 }
 
 void section_set_type(uci_section *s, std::string_view type)
 {
-	char *t = dup_string(type);
-	free(s->type);
+	char *t = string_new(s->package, type);
+	give_back(s->package, s->type);
 	s->type = t;
 }
 
@@ -218,29 +261,28 @@ void section_rename(uci_section *s, std::string_view name)
 {
 	if (name == s->e.name)
 		return;
-	char *n = dup_string(name);
-	auto &m = index_of(s->package)->by_name;
+	uci_package *p = s->package;
+	SectionIndex &index = state_of(p)->index;
+	char *n = string_new(p, name);
 	try {
-		m.emplace(std::string_view(n), s);
+		index.reserve_one();
 	} catch (...) {
-		free(n);
+		give_back(p, n);
 		throw;
 	}
-	index_remove(s);
-	free(s->e.name);
+	index.remove(s);
+	give_back(p, s->e.name);
 	s->e.name = n;
+	index.insert(s);
 }
 
 // The index holds every section of the package, so a miss is final.
 uci_section *find_section(uci_package *p, std::string_view name)
 {
-	auto &m = index_of(p)->by_name;
-	auto range = m.equal_range(name);
-	if (range.first == range.second)
-		return nullptr;
-	auto second = range.first;
-	if (++second == range.second)
-		return range.first->second;
+	bool several = false;
+	uci_section *s = state_of(p)->index.find(name, &several);
+	if (!several)
+		return s;
 	// Several sections carry that name (written so by another tool): the first in file order wins.
 	uci_element *e;
 	uci_foreach_element(&p->sections, e)
@@ -253,14 +295,15 @@ uci_section *find_section(uci_package *p, std::string_view name)
 
 static uci_option *option_alloc(uci_section *s, std::string_view name)
 {
-	uci_option *o = alloc_zeroed<uci_option>();
+	uci_package *p = s->package;
+	uci_option *o = object_new<uci_option>(p);
 	o->e.type = UCI_TYPE_OPTION;
 	list_init(&o->e.list);
 	o->section = s;
 	try {
-		o->e.name = dup_string(name);
+		o->e.name = string_new(p, name);
 	} catch (...) {
-		free(o);
+		give_back(p, o);
 		throw;
 	}
 	return o;
@@ -271,10 +314,10 @@ uci_option *option_new_string(uci_section *s, std::string_view name, std::string
 	uci_option *o = option_alloc(s, name);
 	o->type = UCI_TYPE_STRING;
 	try {
-		o->v.string = dup_string(value);
+		o->v.string = string_new(s->package, value);
 	} catch (...) {
-		free(o->e.name);
-		free(o);
+		give_back(s->package, o->e.name);
+		give_back(s->package, o);
 		throw;
 	}
 	list_add_tail(&s->options, &o->e.list);
@@ -290,47 +333,54 @@ uci_option *option_new_list(uci_section *s, std::string_view name)
 	return o;
 }
 
-static void free_items(uci_list *items)
+void item_free(uci_option *o, uci_element *item)
+{
+	uci_package *p = o->section->package;
+	list_del(&item->list);
+	give_back(p, item->name);
+	give_back(p, item);
+}
+
+static void free_items(uci_option *o)
 {
 	uci_element *e, *tmp;
-	uci_foreach_element_safe(items, tmp, e) {
-		list_del(&e->list);
-		free(e->name);
-		free(e);
-	}
+	uci_foreach_element_safe(&o->v.list, tmp, e)
+		item_free(o, e);
 }
 
 void option_free(uci_option *o)
 {
+	uci_package *p = o->section->package;
 	list_del(&o->e.list);
 	if (o->type == UCI_TYPE_STRING)
-		free(o->v.string);
+		give_back(p, o->v.string);
 	else
-		free_items(&o->v.list);
-	free(o->e.name);
-	free(o);
+		free_items(o);
+	give_back(p, o->e.name);
+	give_back(p, o);
 }
 
 void option_set_string(uci_option *o, std::string_view value)
 {
-	char *v = dup_string(value);
+	uci_package *p = o->section->package;
+	char *v = string_new(p, value);
 	if (o->type == UCI_TYPE_STRING)
-		free(o->v.string);
+		give_back(p, o->v.string);
 	else
-		free_items(&o->v.list);
+		free_items(o);
 	o->type = UCI_TYPE_STRING;
 	o->v.string = v;
 }
 
-static uci_element *item_new(std::string_view value)
+static uci_element *item_new(uci_package *p, std::string_view value)
 {
-	uci_element *e = alloc_zeroed<uci_element>();
+	uci_element *e = object_new<uci_element>(p);
 	e->type = UCI_TYPE_ITEM;
 	list_init(&e->list);
 	try {
-		e->name = dup_string(value);
+		e->name = string_new(p, value);
 	} catch (...) {
-		free(e);
+		give_back(p, e);
 		throw;
 	}
 	return e;
@@ -340,8 +390,9 @@ void option_make_list(uci_option *o)
 {
 	if (o->type == UCI_TYPE_LIST)
 		return;
-	uci_element *item = item_new(o->v.string);
-	free(o->v.string);
+	uci_package *p = o->section->package;
+	uci_element *item = item_new(p, o->v.string);
+	give_back(p, o->v.string);
 	o->type = UCI_TYPE_LIST;
 	list_init(&o->v.list);
 	list_add_tail(&o->v.list, &item->list);
@@ -349,14 +400,15 @@ void option_make_list(uci_option *o)
 
 void option_append_item(uci_option *o, std::string_view value)
 {
-	uci_element *item = item_new(value);
+	uci_element *item = item_new(o->section->package, value);
 	list_add_tail(&o->v.list, &item->list);
 }
 
 void option_rename(uci_option *o, std::string_view name)
 {
-	char *n = dup_string(name);
-	free(o->e.name);
+	uci_package *p = o->section->package;
+	char *n = string_new(p, name);
+	give_back(p, o->e.name);
 	o->e.name = n;
 }
 
