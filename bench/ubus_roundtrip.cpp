@@ -1,17 +1,30 @@
-// Cost of a bus call: one client calls a method with a small argument and a small reply, through our ubusd, one
-// call at a time (round trip time; its inverse is the calls per second of one client). Measured in the same run:
-// the floor, a raw unix-socket ping-pong of a message of the same size between two processes.
+// Cost of a bus call: one client calls a method with a small reply through the bus daemon, one call at a time
+// (round trip time; its inverse is the calls per second of one client). Measured in the same run: the floor, a
+// raw unix-socket ping-pong of a message of the same size between two processes.
 //
-// The server side is this program started again with GWCONF_UBUS_BENCH_SERVER set (see Hook below).
+//   BM_RawSocketPingPong   the floor;
+//   BM_DaemonCall          `RTIptv test` of gwconfd through ubusd, in the emulated router;
+//   BM_BusCall             a method of a minimal server of this program (a string argument, a two-field reply),
+//                          through a ubusd of this build on a private socket: the bus alone, without the daemon.
+//
+// Each reports the median and the 99th percentile of the single round trips as the counters p50_us and p99_us.
+// Outside a sandbox the program runs itself again inside `sandbox/router --build <its build folder>`, which
+// starts the bus daemon and gwconfd. The minimal server is this program started again with
+// GWCONF_UBUS_BENCH_SERVER set (see Hook below).
 extern "C" {
 #include <libubox/blobmsg.h>
 #include <libubox/uloop.h>
 }
 #include <libubus.h>
 
+#include "bench_util.h"
+
 #include <benchmark/benchmark.h>
 
 #include <chrono>
+#include <climits>
+#include <cstdio>
+#include <fstream>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -22,8 +35,23 @@ extern "C" {
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Collects the time of each round trip and reports their median and 99th percentile.
+struct RoundTrips {
+	std::vector<double> us;
+	RoundTrips() { us.reserve(1 << 20); }
+	void add(Clock::time_point t0) { us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count()); }
+	void report(benchmark::State &state) const
+	{
+		state.counters["p50_us"] = gwbench::quantile(us, 0.5);
+		state.counters["p99_us"] = gwbench::quantile(us, 0.99);
+	}
+};
 
 blob_buf reply;
 
@@ -69,13 +97,13 @@ pid_t spawn(const std::string &prog, const std::string &arg1, const std::string 
 }
 
 // ubusd on a private socket plus the server process, for the whole run.
-struct Bus {
+struct PrivateBus {
 	std::string dir, sock, env;
 	pid_t ubusd = -1, server = -1;
 	ubus_context *ctx = nullptr;
 	uint32_t id = 0;
 
-	Bus()
+	PrivateBus()
 	{
 		char tmpl[] = "/tmp/gwconf-ubus-bench-XXXXXX";
 		dir = mkdtemp(tmpl);
@@ -90,7 +118,7 @@ struct Bus {
 		for (int i = 0; i < 2000 && ctx && ubus_lookup_id(ctx, "bench", &id); i++)
 			std::this_thread::sleep_for(std::chrono::milliseconds(5));
 	}
-	~Bus()
+	~PrivateBus()
 	{
 		if (ctx)
 			ubus_free(ctx);
@@ -103,33 +131,73 @@ struct Bus {
 	}
 };
 
-Bus &bus()
+PrivateBus &privateBus()
 {
-	static Bus b;
+	static PrivateBus b;
 	return b;
 }
 
-void BM_BusCall(benchmark::State &state)
+// The emulated router's bus, where the sandbox started gwconfd.
+struct DaemonBus {
+	ubus_context *ctx = nullptr;
+	uint32_t id = 0;
+	DaemonBus()
+	{
+		ctx = ubus_connect(nullptr);
+		for (int i = 0; ctx && i < 400 && ubus_lookup_id(ctx, "RTIptv", &id); i++)
+			std::this_thread::sleep_for(std::chrono::milliseconds(50));
+	}
+	~DaemonBus()
+	{
+		if (ctx)
+			ubus_free(ctx);
+	}
+};
+
+DaemonBus &daemonBus()
 {
-	Bus &b = bus();
-	if (!b.ctx || !b.id) {
-		state.SkipWithError("bus not running");
+	static DaemonBus b;
+	return b;
+}
+
+// Calls `method` of object `id` once per iteration; every call must answer status 0 with one reply.
+void callLoop(benchmark::State &state, ubus_context *ctx, uint32_t id, const char *method, blob_attr *msg)
+{
+	if (!ctx || !id) {
+		state.SkipWithError("the object is not on the bus");
 		return;
 	}
-	blob_buf args{};
-	blob_buf_init(&args, 0);
-	blobmsg_add_string(&args, "msg", "hello");
 	int replies = 0;
 	auto count = [](ubus_request *req, int, blob_attr *) { ++*static_cast<int *>(req->priv); };
+	RoundTrips trips;
 	for (auto _ : state) {
-		if (ubus_invoke(b.ctx, b.id, "ping", args.head, count, &replies, 1000)) {
+		const auto t0 = Clock::now();
+		if (ubus_invoke(ctx, id, method, msg, count, &replies, 1000)) {
 			state.SkipWithError("call failed");
 			break;
 		}
+		trips.add(t0);
 	}
 	if (replies != int(state.iterations()))
 		state.SkipWithError("a reply was missing");
 	state.SetItemsProcessed(int64_t(state.iterations()));
+	trips.report(state);
+}
+
+void BM_BusCall(benchmark::State &state)
+{
+	blob_buf args{};
+	blob_buf_init(&args, 0);
+	blobmsg_add_string(&args, "msg", "hello");
+	callLoop(state, privateBus().ctx, privateBus().id, "ping", args.head);
+	blob_buf_free(&args);
+}
+
+void BM_DaemonCall(benchmark::State &state)
+{
+	blob_buf args{};
+	blob_buf_init(&args, 0);
+	callLoop(state, daemonBus().ctx, daemonBus().id, "test", args.head);
 	blob_buf_free(&args);
 }
 
@@ -160,7 +228,9 @@ void BM_RawSocketPingPong(benchmark::State &state)
 	}
 	close(sv[1]);
 	char buf[kLen] = {1};
+	RoundTrips trips;
 	for (auto _ : state) {
+		const auto t0 = Clock::now();
 		if (write(sv[0], buf, kLen) != ssize_t(kLen)) {
 			state.SkipWithError("write");
 			break;
@@ -172,14 +242,50 @@ void BM_RawSocketPingPong(benchmark::State &state)
 				break;
 			got += size_t(n);
 		}
+		trips.add(t0);
 	}
 	state.SetItemsProcessed(int64_t(state.iterations()));
+	trips.report(state);
 	close(sv[0]);
 	waitpid(echo, nullptr, 0);
 }
 
-BENCHMARK(BM_RawSocketPingPong)->MinTime(2.0)->UseRealTime();
-BENCHMARK(BM_BusCall)->MinTime(2.0)->UseRealTime();
+BENCHMARK(BM_RawSocketPingPong)->MinTime(1.0)->UseRealTime();
+BENCHMARK(BM_DaemonCall)->MinTime(1.0)->UseRealTime();
+BENCHMARK(BM_BusCall)->MinTime(1.0)->UseRealTime();
+
+// Outside a sandbox, runs this program again inside the emulated router of its build folder (bus daemon and
+// gwconfd running), before any benchmark starts.
+struct EnterSandbox {
+	EnterSandbox()
+	{
+		if (getenv("GWCONF_SANDBOX") || getenv("GWCONF_UBUS_BENCH_SERVER"))
+			return;
+		char self[PATH_MAX];
+		const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+		if (n <= 0)
+			return;
+		self[n] = '\0';
+		std::string buildDir = GWCONF_BIN_DIR;
+		buildDir = buildDir.substr(0, buildDir.find_last_of('/'));
+		const std::string router = std::string(GWCONF_SOURCE_DIR) + "/sandbox/router";
+		// This program's own arguments, from /proc (main has not run yet).
+		std::ifstream cmdline("/proc/self/cmdline", std::ios::binary);
+		std::vector<std::string> own;
+		for (std::string arg; std::getline(cmdline, arg, '\0');)
+			own.push_back(arg);
+		std::vector<std::string> words = {router, "--build", buildDir, "--", self};
+		for (size_t i = 1; i < own.size(); i++)
+			words.push_back(own[i]);
+		std::vector<char *> args;
+		for (auto &w : words)
+			args.push_back(w.data());
+		args.push_back(nullptr);
+		execv(router.c_str(), args.data());
+		perror("sandbox/router");
+		_exit(127);
+	}
+} enterSandbox;
 
 } // namespace
 
