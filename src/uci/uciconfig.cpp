@@ -43,8 +43,16 @@ int editSaveCommit(int (*edit)(uci_context *, uci_ptr *), const char *package, c
     if (rc != UCI_OK)
         return fail("uci_save", __LINE__, rc);
     rc = uci_commit(ctx.get(), &ptr.p, false);
-    if (rc != UCI_OK)
+    if (rc != UCI_OK) {
+        // The change is saved but not in the file (a full or read-only /etc/config). Take it back, so a write
+        // reported as failed does not become permanent at the next commit of the package, whoever makes it.
+        uci_ptr undo{};
+        undo.package = package;
+        undo.section = section;
+        undo.option = option;
+        uci_revert(ctx.get(), &undo);
         return fail("uci_commit", __LINE__, rc);
+    }
     return UCI_OK;
 }
 

@@ -3,6 +3,9 @@
 // package file may change or be cut, no temporary file of a failed commit may stay behind (it would keep the
 // folder full), the daemon keeps serving reads, and once the folder takes writes again a set goes through.
 //
+// A write answered as failed must not stay behind as a pending change in /tmp/.uci either: the next commit of its
+// package, by anyone, would make it permanent after all. So readers still see the old value.
+//
 // The outcome of each method when its commit fails, as the objects define it:
 //   RTMacFilter set/add/del, RTIptv setIptv, RTWanPortMap     "result" false
 //   zelmad.macfilter setMacFilter                              status 9 (a list write failed), no reply
@@ -43,6 +46,8 @@ struct Expected {
     const char *reply;
     const char *logFunction;   // a line of this function and message shows that the failure was seen ("" none)
     const char *logMessage;   // a message ending in '(' is matched up to there (a number follows)
+    const char *keptPath = "";    // for a write answered as failed: a value readers must still see unchanged
+    const char *keptValue = "";
 };
 
 // True when the log holds an error line of `function` whose message starts with `message`.
@@ -59,19 +64,22 @@ bool errorLogged(const std::string &log, const std::string &function, const std:
 
 const Expected kWrites[] = {
     {"RTMacFilter", "setMacFilter", R"({"enable":1,"model":1})", 0, R"({"result":false})", "setMacFilterHandler",
-     "uciSetConfig UCI_MACFILTER_FILE main curmode ERROR"},
+     "uciSetConfig UCI_MACFILTER_FILE main curmode ERROR", "macFilter.main.curmode", "no"},
     {"RTMacFilter", "addMacFilterList", R"({"enable":1,"model":1,"macList":{"name":"pc","mac":"AA:BB:CC:DD:EE:02"}})",
-     0, R"({"result":false})", "addMacFilterListHandler", "uciAddList UCI_MACFILTER_FILE blackList deny ERROR"},
+     0, R"({"result":false})", "addMacFilterListHandler", "uciAddList UCI_MACFILTER_FILE blackList deny ERROR",
+     "macFilter.blacklist.deny", "AA:BB:CC:DD:EE:01/tv"},
     {"RTMacFilter", "delMacFilterList", R"({"enable":1,"model":1,"macList":{"name":"tv","mac":"AA:BB:CC:DD:EE:01"}})",
-     0, R"({"result":false})", "delMacFilterListHandler", "uciAddList UCI_MACFILTER_FILE blackList deny ERROR"},
+     0, R"({"result":false})", "delMacFilterListHandler", "uciAddList UCI_MACFILTER_FILE blackList deny ERROR",
+     "macFilter.blacklist.deny", "AA:BB:CC:DD:EE:01/tv"},
     {"zelmad.macfilter", "setMacFilter",
      R"({"macFilterEnable":1,"macFilterPolicy":0,"macFilterEntries":"AABBCCDDEE03/cam"})", 9, "",
      "zelmad_handle_set_macfilter", "uciAddList UCI_MACFILTER_FILE blacklist deny ERROR"},
     {"firewall", "setForbiddNet", R"({"enable":1,"mac":"AA:BB:CC:DD:EE:0F"})", 0, R"({"result":true})", "", ""},
     {"RTIptv", "setIptv", R"({"enable":1,"vlanId":100,"vlan1":1,"vlan2":0,"vlan3":1,"type":0})", 0,
-     R"({"result":false})", "setIptvHandler", "uciSetConfig UCI_MACFILTER_FILE main enabled ERROR"},
+     R"({"result":false})", "setIptvHandler", "uciSetConfig UCI_MACFILTER_FILE main enabled ERROR", "iptv.main.enabled",
+     "0"},
     {"zelmad.vlan", "setIptvVlan", R"({"vlanEnable":1,"vlanId":200,"iptvStatus":[{"radio":"LAN","index":2}]})", 0,
-     R"({"result":false})", "", ""},
+     R"({"result":false})", "", "", "iptv.main.vlanid", "0"},
     {"RTPortMap", "modPortMapping",
      R"({"MapList":[{"Name":"ssh","Protocol":0,"InternalIP":"192.168.1.12","InternalPort":22,"ExternalPort":2222}],"Operation":1})",
      0, R"({"result":true})", "NATFORWARD_addPortMap", "error uci_commit"},
@@ -80,7 +88,7 @@ const Expected kWrites[] = {
     {"RTUpnp", "setUpnpStatus", R"({"Enable":1})", 0, R"({"result":true})", "NatForward_setUpnpEnabled",
      "error uci_commit(enabled=1)"},
     {"RTWanPortMap", "setWanPortMap", R"({"Enabled":1,"InPort":2222,"ExPort":22})", 0, R"({"result":false})",
-     "setConfig", "error uci_commit"},
+     "setConfig", "error uci_commit", "WanPortMap.wanPortMap.InPort", "8080"},
 };
 
 class ConfigStorage : public RouterTest {
@@ -123,6 +131,10 @@ protected:
             if (*w.logFunction) {
                 EXPECT_TRUE(errorLogged(daemonLog(), w.logFunction, w.logMessage));
             }
+            if (*w.keptPath) {
+                EXPECT_EQ(uciGet(w.keptPath), w.keptValue)
+                    << "a write answered as failed stays pending; the next commit would make it permanent";
+            }
             if (std::string(w.object) == "RTPortMap") {
                 EXPECT_THAT(journal(), Not(Contains("/etc/init.d/firewall reload")))
                     << "the firewall reloads after a commit that failed";
@@ -141,6 +153,9 @@ protected:
         std::vector<std::string> hidden = hiddenConfigFiles();
         hidden.erase(std::remove(hidden.begin(), hidden.end(), ".fill"), hidden.end());
         EXPECT_THAT(hidden, ::testing::IsEmpty());
+
+        for (const char *option : {"enabled", "vlanid", "vlan1", "vlan2", "vlan3"})
+            EXPECT_EQ(uciGet(std::string("iptv.main.") + option), "0") << option;
 
         // Reads are served, and the failed WAN redirect write was taken back.
         CallResult r = call("RTMacFilter", "getMacFilterList");
