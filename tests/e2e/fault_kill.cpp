@@ -243,3 +243,62 @@ TEST_F(DaemonKill, EveryPackageHoldsTheStateBeforeOrAfterTheInterruptedWrite)
 
 }  // namespace
 }  // namespace gw::e2e
+
+namespace gw::e2e {
+namespace {
+
+// The comparison the rounds rely on must see the damage an interrupted commit could do.
+UciPackage package(std::vector<UciSection> sections)
+{
+    UciPackage p;
+    p.ok = true;
+    p.sections = std::move(sections);
+    return p;
+}
+
+TEST(OldOrNewCheck, TellsStatesOnTheWayFromDamagedOnes)
+{
+    const UciSection main{"main", "macfilter", {{"enabled", "0"}, {"curmode", "no"}}};
+    const UciSection mainOn{"main", "macfilter", {{"enabled", "1"}, {"curmode", "deny"}}};
+    const UciSection list{"blacklist", "filter", {{"deny", "\nA/tv\nB/pc"}}};
+    const UciSection listAdded{"blacklist", "filter", {{"deny", "\nA/tv\nB/pc\nC/cam"}}};
+    const UciSection rule{"", "rule", {{"name", "tv"}}};
+    const UciSection ruleCam{"", "rule", {{"name", "cam"}}};
+    const UciPackage before = package({main, list, rule});
+    const UciPackage after = package({mainOn, listAdded, rule, ruleCam});
+
+    // States on the way: old, new, and any mix of options written one by one.
+    EXPECT_EQ(checkOldOrNew(before, after, before), "");
+    EXPECT_EQ(checkOldOrNew(before, after, after), "");
+    EXPECT_EQ(checkOldOrNew(before, after, package({UciSection{"main", "macfilter", {{"enabled", "0"}, {"curmode", "deny"}}},
+                                                    listAdded, rule})),
+              "");
+
+    // Damage: a list item applied twice, a value cut, an untouched section lost, a section written twice, a file
+    // that does not load.
+    EXPECT_NE(checkOldOrNew(before, after,
+                            package({mainOn, UciSection{"blacklist", "filter", {{"deny", "\nA/tv\nB/pc\nC/cam\nC/cam"}}},
+                                     rule, ruleCam})),
+              "");
+    EXPECT_NE(checkOldOrNew(before, after, package({UciSection{"main", "macfilter", {{"enabled", "1"}, {"curmode", "de"}}},
+                                                    listAdded, rule, ruleCam})),
+              "");
+    EXPECT_NE(checkOldOrNew(before, after, package({mainOn, listAdded, ruleCam})), "");
+    EXPECT_NE(checkOldOrNew(before, after, package({mainOn, listAdded, rule, ruleCam, ruleCam})), "");
+    UciPackage broken;
+    broken.error = "parse error";
+    EXPECT_NE(checkOldOrNew(before, after, broken), "");
+
+    // A list that is emptied and refilled item by item may show the first items of its new value only when the
+    // write is known to do that.
+    const UciPackage partly = package({mainOn, UciSection{"blacklist", "filter", {{"deny", "\nA/tv"}}}, rule, ruleCam});
+    EXPECT_NE(checkOldOrNew(before, after, partly), "");
+    EXPECT_EQ(checkOldOrNew(before, after, partly, true), "");
+    EXPECT_NE(checkOldOrNew(before, after, package({mainOn, UciSection{"blacklist", "filter", {{"deny", "\nB/pc"}}},
+                                                    rule, ruleCam}),
+                            true),
+              "");
+}
+
+}  // namespace
+}  // namespace gw::e2e
