@@ -53,7 +53,10 @@ bool read_exact(int fd, void *buf, size_t len, int *fd_out)
 			if (errno != EAGAIN && errno != EWOULDBLOCK)
 				return false;
 			pollfd pfd{fd, POLLIN, 0};
-			if (poll(&pfd, 1, kMessageBodyTimeoutMs) <= 0)
+			int ready = poll(&pfd, 1, kMessageBodyTimeoutMs);
+			if (ready < 0 && errno == EINTR)
+				continue;	// a signal handler ran (SIGCHLD of the loop): wait again
+			if (ready <= 0)
 				return false;
 			continue;
 		}
@@ -161,8 +164,9 @@ ssize_t fill(ubus_context *ctx, ReadAhead &ra, bool wait)
 				return -2;
 			}
 			pollfd pfd{ctx->sock.fd, POLLIN, 0};
-			if (poll(&pfd, 1, kMessageBodyTimeoutMs) > 0)
-				continue;
+			int ready = poll(&pfd, 1, kMessageBodyTimeoutMs);
+			if (ready > 0 || (ready < 0 && errno == EINTR))
+				continue;	// readable, or a signal handler ran: read or wait again
 			n = -1;
 		}
 		if (n <= 0) {

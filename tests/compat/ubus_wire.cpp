@@ -4,7 +4,9 @@
 
 #include <arpa/inet.h>
 #include <atomic>
+#include <csignal>
 #include <functional>
+#include <pthread.h>
 
 using namespace ubus_test;
 
@@ -295,6 +297,43 @@ TEST_F(UbusWire, CallsArrivingDuringAWaitRunAfterItEvenFromTheSameRead)
 	uloop_run();
 	fake.join();
 	EXPECT_EQ(Served::calls, 2);
+}
+
+// A signal handler installed without SA_RESTART (the event loop's SIGCHLD handler is one) interrupts the wait for
+// the rest of a message that has started to arrive; the wait goes on, the connection stays.
+TEST_F(UbusWire, ASignalWhileTheRestOfAMessageIsAwaitedDoesNotEndTheConnection)
+{
+	struct sigaction act{}, old{};
+	act.sa_handler = [](int) {};
+	sigemptyset(&act.sa_mask);
+	act.sa_flags = 0;
+	ASSERT_EQ(sigaction(SIGUSR1, &act, &old), 0);
+	pthread_t caller = pthread_self();
+
+	FakeDaemon fake(sock);
+	fake.run([caller](Raw &conn) {
+		Msg inv = conn.recv();
+		ASSERT_EQ(inv.type, UBUS_MSG_INVOKE);
+		Bytes st = message(UBUS_MSG_STATUS, inv.seq, inv.peer, {{UBUS_ATTR_STATUS, u32(3)}});
+		Bytes head(st.begin(), st.begin() + 14), rest(st.begin() + 14, st.end());
+		conn.send(head);
+		// The pauses only order the steps; were the signal to come before the first bytes are read, the test
+		// would pass without proving anything, never fail.
+		usleep(200 * 1000);
+		pthread_kill(caller, SIGUSR1);
+		usleep(200 * 1000);
+		conn.send(rest);
+		conn.recv(300);
+	});
+	static int lost;
+	lost = 0;
+	ctx = ubus_connect(sock.c_str());
+	ASSERT_NE(ctx, nullptr);
+	ctx->connection_lost = [](ubus_context *) { lost++; };
+	EXPECT_EQ(ubus_invoke(ctx, 0x5000, "x", nullptr, nullptr, nullptr, 3000), UBUS_STATUS_METHOD_NOT_FOUND);
+	EXPECT_EQ(lost, 0);
+	fake.join();
+	sigaction(SIGUSR1, &old, nullptr);
 }
 
 TEST_F(UbusWire, AnUntrustworthyHeaderEndsTheConnection)
