@@ -234,13 +234,22 @@ constexpr uint16_t kMarkerSeq = 0xffff;
 bool readFull(int fd, uint8_t *buf, size_t len)
 {
     while (len > 0) {
+        // A finished child interrupts the wait (the event loop's SIGCHLD handler is installed); wait again.
         pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 10000) <= 0)
+        int ready = poll(&p, 1, 10000);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0) {
+            std::fprintf(stderr, "fuzz_handlers: %s while waiting for the bus daemon\n",
+                         ready == 0 ? "10 s passed" : std::strerror(errno));
             return false;
+        }
         ssize_t r = read(fd, buf, len);
         if (r <= 0) {
             if (r < 0 && errno == EINTR)
                 continue;
+            std::fprintf(stderr, "fuzz_handlers: reading from the bus daemon: %s\n",
+                         r == 0 ? "end of file" : std::strerror(errno));
             return false;
         }
         buf += r;
