@@ -33,6 +33,18 @@ static bool is_space(char c)
 	return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
 
+// Characters that neither end nor quote nor escape anything in an unquoted word.
+static bool is_plain(char c)
+{
+	switch (c) {
+	case ' ': case '\t': case '\n': case '\r': case '\v': case '\f':
+	case '#': case ';': case '\'': case '"': case '\\':
+		return false;
+	default:
+		return true;
+	}
+}
+
 // True when buf[i...] is exactly the end of the physical line ("\n" or "\r\n" closing the buffer).
 bool Tokenizer::line_end_at(size_t i) const
 {
@@ -76,16 +88,28 @@ bool Tokenizer::next(std::string &out)
 				throw TokenError{state == single ? "EOF with unterminated '" : "EOF with unterminated \""};
 			continue;
 		}
-		char c = buf[pos];
 		if (state == single) {
-			pos++;
-			if (c == '\'')
+			// Everything up to the closing quote is taken as it is, newlines included.
+			size_t close = buf.find('\'', pos);
+			size_t stop = close == std::string::npos ? buf.size() : close;
+			out.append(buf, pos, stop - pos);
+			pos = stop;
+			if (close != std::string::npos) {
+				pos++;
 				state = plain;
-			else
-				out += c;
+			}
 			continue;
 		}
+		char c = buf[pos];
 		if (state == dbl) {
+			if (c != '"' && c != '\\') {
+				size_t stop = buf.find_first_of("\"\\", pos);
+				if (stop == std::string::npos)
+					stop = buf.size();
+				out.append(buf, pos, stop - pos);
+				pos = stop;
+				continue;
+			}
 			if (c == '"') {
 				pos++;
 				state = plain;
@@ -134,9 +158,14 @@ bool Tokenizer::next(std::string &out)
 				pos++;
 			}
 			break;
-		default:
-			out += c;
-			pos++;
+		default: {
+			// A run of ordinary characters at once.
+			size_t stop = pos + 1;
+			while (stop < buf.size() && is_plain(buf[stop]))
+				stop++;
+			out.append(buf, pos, stop - pos);
+			pos = stop;
+		}
 		}
 	}
 }
