@@ -3,7 +3,8 @@
 //
 //   start   fork/exec of gwconfd until a bus client has seen all eight objects announced ("ubus.object.add"
 //           events), 20 starts, each with a fresh process on the same bus;
-//   rss     VmRSS of the last started process when idle, after 1,000 and after 10,000 calls of the getters;
+//   rss     VmRSS of the last started process when idle, after 1,000 and after 10,000 calls of the getters
+//           (its anonymous and file parts too);
 //   methods the latency of every method of the eight objects through the bus, one row per kind of request
 //           (a setter is measured in both directions, e.g. on and off, so each call really changes something).
 //
@@ -31,7 +32,7 @@ extern "C" {
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
-#include <set>
+#include <map>
 #include <sstream>
 #include <string>
 #include <sys/prctl.h>
@@ -164,13 +165,31 @@ int stopDaemon(pid_t pid)
     return 137;
 }
 
-long vmRssKib(pid_t pid)
+// Resident memory of a process from /proc/<pid>/status, in KiB: all of it, its anonymous part (heap, stacks,
+// data) and its file part (code and data of the program and its libraries). -1 when unreadable.
+struct Rss {
+    long total = -1, anon = -1, file = -1;
+};
+
+Rss rssOf(pid_t pid)
 {
+    Rss r;
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(in, line);)
-        if (line.compare(0, 6, "VmRSS:") == 0)
-            return std::strtol(line.c_str() + 6, nullptr, 10);
-    return -1;
+    for (std::string line; std::getline(in, line);) {
+        for (auto [key, field] : {std::pair{"VmRSS:", &r.total}, {"RssAnon:", &r.anon}, {"RssFile:", &r.file}})
+            if (line.compare(0, strlen(key), key) == 0)
+                *field = std::strtol(line.c_str() + strlen(key), nullptr, 10);
+    }
+    return r;
+}
+
+// Time a process spent on a CPU and waiting for one, in ns, from /proc/<pid>/schedstat.
+std::pair<double, double> schedTimes(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/schedstat");
+    double onCpu = 0, waiting = 0;
+    in >> onCpu >> waiting;
+    return {onCpu, waiting};
 }
 
 // ---- the bus client ---------------------------------------------------------------------------------------------
@@ -181,7 +200,7 @@ Client *s_client = nullptr; // the one client whose event handler is registered
 struct Client {
     ubus_context *ctx = nullptr;
     ubus_event_handler added{};
-    std::set<std::string> seen;
+    std::map<std::string, Clock::time_point> seen; // object name -> when its add event arrived
 
     bool connect()
     {
@@ -201,7 +220,7 @@ struct Client {
             blobmsg_for_each_attr(attr, msg, rem)
             {
                 if (blobmsg_type(attr) == BLOBMSG_TYPE_STRING && strcmp(blobmsg_name(attr), "path") == 0)
-                    self->seen.insert(blobmsg_get_string(attr));
+                    self->seen.emplace(blobmsg_get_string(attr), Clock::now());
             }
         };
         return ubus_register_event_handler(ctx, &added, "ubus.object.add") == 0;
@@ -287,12 +306,15 @@ struct Request {
 
 struct Figures {
     struct Starts {
-        std::vector<double> ms;
+        std::vector<double> ms;        // fork/exec to the last object announced
+        std::vector<double> restoreMs; // RTUpnp announced to RTWanPortMap announced: the start-up commands
+        std::vector<double> cpuMs;     // the daemon's own time on a CPU until then (not its commands')
+        std::vector<double> queuedMs;  // the daemon's time waiting for a CPU until then
         int failures = 0;
     };
     Starts stubbed; // iptables, ip6tables and ebtables are programs that do nothing
     Starts shimmed; // the sandbox's shims: journal line, then the real tool on the sandbox's kernel tables
-    long idleRssKib = -1, rss1kKib = -1, rss10kKib = -1;
+    Rss idle, after1k, after;
     int calls = 0, callFailures = 0;
     double callsSeconds = 0;
     struct Row {
@@ -312,6 +334,12 @@ pid_t measureStarts(Client &bus, const std::string &gwconfd, const std::string &
     pid_t pid = previous;
     for (int i = 0; i < starts; i++) {
         if (pid > 0) {
+            // A SIGTERM that arrives before the daemon's event loop runs is lost (the loop clears a pending
+            // cancel on entry), so first make sure it answers calls.
+            blob_buf none{};
+            blob_buf_init(&none, 0);
+            bus.call("RTIptv", "test", none.head);
+            blob_buf_free(&none);
             stopDaemon(pid);
             // The bus drops the objects when it sees the connection close.
             for (int k = 0; k < 2000 && bus.present("RTWanPortMap"); k++)
@@ -320,10 +348,17 @@ pid_t measureStarts(Client &bus, const std::string &gwconfd, const std::string &
         bus.seen.clear();
         const auto t0 = Clock::now();
         pid = spawnDaemon(gwconfd, path);
-        if (bus.waitAllAdded(20000))
-            out.ms.push_back(msSince(t0));
-        else
+        if (bus.waitAllAdded(20000)) {
+            const auto t1 = Clock::now();
+            const auto [cpuNs, queuedNs] = schedTimes(pid);
+            auto ms = [](Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); };
+            out.ms.push_back(ms(t1 - t0));
+            out.restoreMs.push_back(ms(bus.seen["RTWanPortMap"] - bus.seen["RTUpnp"]));
+            out.cpuMs.push_back(cpuNs / 1e6);
+            out.queuedMs.push_back(queuedNs / 1e6);
+        } else {
             out.failures++;
+        }
     }
     return pid;
 }
@@ -397,14 +432,17 @@ int main2(int argc, char **argv)
     }
     pid_t pid = measureStarts(bus, gwconfd, stubs, starts, fig.stubbed, -1);
     pid = measureStarts(bus, gwconfd, "", starts, fig.shimmed, pid);
-    std::fprintf(stderr, "bench_daemon: %zu starts, median %.1f ms with stubbed commands, %.1f ms through the shims\n",
-                 fig.stubbed.ms.size(), median(fig.stubbed.ms), median(fig.shimmed.ms));
+    std::fprintf(stderr,
+                 "bench_daemon: %zu starts, median %.1f ms with stubbed commands (%.1f ms of them the commands, "
+                 "daemon on a CPU %.1f ms, waiting for one %.1f ms), %.1f ms through the shims\n",
+                 fig.stubbed.ms.size(), median(fig.stubbed.ms), median(fig.stubbed.restoreMs),
+                 median(fig.stubbed.cpuMs), median(fig.stubbed.queuedMs), median(fig.shimmed.ms));
     if (fig.stubbed.ms.empty() || fig.shimmed.ms.empty())
         return 1;
 
     // Idle: let the start-up's children finish and the daemon settle.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    fig.idleRssKib = vmRssKib(pid);
+    fig.idle = rssOf(pid);
 
     // The getters of every object, in turn.
     std::vector<Request> getters = {
@@ -422,14 +460,14 @@ int main2(int argc, char **argv)
         const Client::Reply r = bus.call(g.object, g.method, g.buf.head);
         if (r.status != 0 || !r.replied || r.resultFalse)
             fig.callFailures++;
-        if (i + 1 == 1000)
-            fig.rss1kKib = vmRssKib(pid);
+        if (i + 1 == calls / 10)
+            fig.after1k = rssOf(pid);
     }
     fig.callsSeconds = msSince(c0) / 1000.0;
     fig.calls = calls;
-    fig.rss10kKib = vmRssKib(pid);
-    std::fprintf(stderr, "bench_daemon: %d calls in %.1f s, RSS idle %ld KiB, after 1,000 %ld, after %d %ld\n",
-                 calls, fig.callsSeconds, fig.idleRssKib, fig.rss1kKib, calls, fig.rss10kKib);
+    fig.after = rssOf(pid);
+    std::fprintf(stderr, "bench_daemon: %d calls in %.1f s, RSS idle %ld KiB, after %d %ld, after %d %ld\n",
+                 calls, fig.callsSeconds, fig.idle.total, calls / 10, fig.after1k.total, calls, fig.after.total);
 
     // Every method. Each group is run in turn, N times; a group's requests undo each other, so the state after
     // a full turn is the state before it.
@@ -519,10 +557,15 @@ int main2(int argc, char **argv)
         j << ",\"" << name << "_ms\":[";
         for (size_t i = 0; i < st->ms.size(); i++)
             j << (i ? "," : "") << st->ms[i];
-        j << "],\"" << name << "_failures\":" << st->failures << ",\"" << name << "_median_ms\":" << median(st->ms);
+        j << "],\"" << name << "_failures\":" << st->failures << ",\"" << name << "_median_ms\":" << median(st->ms)
+          << ",\"" << name << "_commands_median_ms\":" << median(st->restoreMs) << ",\"" << name
+          << "_cpu_median_ms\":" << median(st->cpuMs) << ",\"" << name << "_queued_median_ms\":" << median(st->queuedMs);
     }
-    j << ",\"idle_rss_kib\":" << fig.idleRssKib << ",\"rss_1000_calls_kib\":" << fig.rss1kKib
-      << ",\"rss_after_calls_kib\":" << fig.rss10kKib << ",\"calls\":" << fig.calls
+    for (const auto &[name, rss] :
+         {std::pair{"idle_rss", &fig.idle}, std::pair{"rss_warm", &fig.after1k}, std::pair{"rss_after_calls", &fig.after}})
+        j << ",\"" << name << "_kib\":" << rss->total << ",\"" << name << "_anon_kib\":" << rss->anon << ",\""
+          << name << "_file_kib\":" << rss->file;
+    j << ",\"warm_calls\":" << fig.calls / 10 << ",\"calls\":" << fig.calls
       << ",\"call_failures\":" << fig.callFailures << ",\"calls_seconds\":" << fig.callsSeconds
       << ",\"exit_status\":" << fig.exitStatus << ",\"methods\":[";
     for (size_t i = 0; i < fig.rows.size(); i++) {
