@@ -1,5 +1,6 @@
 // Prints the one table of bench/run from the figures the other benchmark programs wrote:
 //   --bus FILE      Google Benchmark JSON of bench_ubus_roundtrip (repetitions with aggregates)
+//   --bus-one-cpu FILE  the same, run with every process on one CPU
 //   --uci FILE      Google Benchmark JSON of bench_uci_load_commit
 //   --daemon FILE   the JSON object of bench_daemon
 //   --size BYTES    the size of a stripped copy of gwconfd
@@ -153,31 +154,33 @@ struct Report {
     }
 };
 
-void busRows(Report &r, const std::string &path)
+// `where` names the placement of the processes in the row labels ("" for the free one).
+void busRows(Report &r, const std::string &path, const std::string &where)
 {
     Json doc;
+    const std::string tag = where.empty() ? "" : ", " + where;
     if (!doc.load(path)) {
-        r.absent("bus: RTIptv test round trip", "no bus figures");
+        r.absent("bus: RTIptv test round trip" + tag, "no bus figures");
         return;
     }
     blob_attr *floor = benchmarkEntry(doc, "BM_RawSocketPingPong");
     blob_attr *call = benchmarkEntry(doc, "BM_DaemonCall");
     blob_attr *bare = benchmarkEntry(doc, "BM_BusCall");
     if (floor == nullptr || call == nullptr || !text(call, "error_message").empty()) {
-        r.absent("bus: RTIptv test round trip", "the benchmark did not run");
+        r.absent("bus: RTIptv test round trip" + tag, "the benchmark did not run");
         return;
     }
     const double callP50 = numberOr(call, "p50_us", 0), floorP50 = numberOr(floor, "p50_us", 0);
-    r.row("bus: RTIptv test round trip, median", format("%.1f us", callP50));
-    r.row("bus: RTIptv test round trip, p99", format("%.1f us", numberOr(call, "p99_us", 0)));
-    r.row("bus: RTIptv test calls/s (one client)", format("%.0f", numberOr(call, "items_per_second", 0)));
-    r.row("bus: raw unix-socket ping-pong (floor), median", format("%.1f us", floorP50));
-    r.row("bus: raw unix-socket ping-pong (floor), p99", format("%.1f us", numberOr(floor, "p99_us", 0)));
+    r.row("bus: RTIptv test round trip, median / p99" + tag,
+          format("%.1f / %.1f us", callP50, numberOr(call, "p99_us", 0)));
+    r.row("bus: RTIptv test calls/s, one client" + tag, format("%.0f", numberOr(call, "items_per_second", 0)));
+    r.row("bus: raw unix-socket ping-pong (floor), median / p99" + tag,
+          format("%.1f / %.1f us", floorP50, numberOr(floor, "p99_us", 0)));
     const double ratio = floorP50 > 0 ? callP50 / floorP50 : 0;
-    r.check("bus: round trip / floor (medians)", format("%.2fx", ratio), "<= 3x", ratio > 0 && ratio <= 3.0);
+    r.check("bus: round trip / floor, medians" + tag, format("%.2fx", ratio), "<= 3x", ratio > 0 && ratio <= 3.0);
     if (bare != nullptr && text(bare, "error_message").empty()) {
         const double bareP50 = numberOr(bare, "p50_us", 0);
-        r.row("bus: minimal server round trip, median (no daemon)",
+        r.row("bus: minimal server instead of gwconfd, median" + tag,
               format("%.1f us (%.2fx floor)", bareP50, floorP50 > 0 ? bareP50 / floorP50 : 0));
     }
 }
@@ -283,12 +286,14 @@ void daemonRows(Report &r, const std::string &path, long strippedBytes)
 
 int main(int argc, char **argv)
 {
-    std::string bus, uci, daemon;
+    std::string bus, busOneCpu, uci, daemon;
     long size = 0;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string a = argv[i];
         if (a == "--bus")
             bus = argv[i + 1];
+        else if (a == "--bus-one-cpu")
+            busOneCpu = argv[i + 1];
         else if (a == "--uci")
             uci = argv[i + 1];
         else if (a == "--daemon")
@@ -296,12 +301,13 @@ int main(int argc, char **argv)
         else if (a == "--size")
             size = std::atol(argv[i + 1]);
         else {
-            std::fprintf(stderr, "usage: bench_report --bus FILE --uci FILE --daemon FILE --size BYTES\n");
+            std::fprintf(stderr, "usage: bench_report --bus FILE --bus-one-cpu FILE --uci FILE --daemon FILE --size BYTES\n");
             return 2;
         }
     }
     Report r;
-    busRows(r, bus);
+    busRows(r, bus, "");
+    busRows(r, busOneCpu, "one CPU");
     uciRows(r, uci);
     daemonRows(r, daemon, size);
     std::fputs(r.table.text().c_str(), stdout);
