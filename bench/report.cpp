@@ -3,6 +3,7 @@
 //   --bus-one-cpu FILE  the same, run with every process on one CPU
 //   --uci FILE      Google Benchmark JSON of bench_uci_load_commit
 //   --daemon FILE   the JSON object of bench_daemon
+//   --process FILE  Google Benchmark JSON of bench_process_start
 //   --size BYTES    the size of a stripped copy of gwconfd
 // Every figure has a row: figure, value, target, verdict. A missing input gives rows that say so. The exit
 // status is 0 when every figure with a target met it, 1 otherwise (2 for bad arguments).
@@ -213,7 +214,7 @@ void uciRows(Report &r, const std::string &path)
     }
 }
 
-void daemonRows(Report &r, const std::string &path, long strippedBytes)
+void daemonRows(Report &r, const std::string &path, const std::string &processPath, long strippedBytes)
 {
     Json doc;
     if (!doc.load(path)) {
@@ -235,6 +236,14 @@ void daemonRows(Report &r, const std::string &path, long strippedBytes)
         r.row("daemon:   gwconfd on a CPU / waiting for a CPU until then",
               format("%.1f / %.1f ms", numberOr(d, "start_stubbed_cpu_median_ms", 0),
                      numberOr(d, "start_stubbed_queued_median_ms", 0)));
+        Json process;
+        if (process.load(processPath)) {
+            blob_attr *fork = benchmarkEntry(process, "BM_ForkExecWait");
+            blob_attr *spawn = benchmarkEntry(process, "BM_PosixSpawnWait");
+            if (fork != nullptr && spawn != nullptr)
+                r.row("daemon:   one command on this machine: fork+exec+wait / posix_spawn+wait of /bin/true",
+                      format("%.1f / %.1f ms", numberOr(fork, "p50_ms", 0), numberOr(spawn, "p50_ms", 0)));
+        }
         r.row("daemon: start to 8 objects, median (sandbox shims, real iptables)",
               format("%.1f ms", numberOr(d, "start_shims_median_ms", 0)));
 
@@ -286,7 +295,7 @@ void daemonRows(Report &r, const std::string &path, long strippedBytes)
 
 int main(int argc, char **argv)
 {
-    std::string bus, busOneCpu, uci, daemon;
+    std::string bus, busOneCpu, uci, daemon, process;
     long size = 0;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string a = argv[i];
@@ -298,10 +307,12 @@ int main(int argc, char **argv)
             uci = argv[i + 1];
         else if (a == "--daemon")
             daemon = argv[i + 1];
+        else if (a == "--process")
+            process = argv[i + 1];
         else if (a == "--size")
             size = std::atol(argv[i + 1]);
         else {
-            std::fprintf(stderr, "usage: bench_report --bus FILE --bus-one-cpu FILE --uci FILE --daemon FILE --size BYTES\n");
+            std::fprintf(stderr, "usage: bench_report --bus FILE --bus-one-cpu FILE --uci FILE --daemon FILE --process FILE --size BYTES\n");
             return 2;
         }
     }
@@ -309,7 +320,7 @@ int main(int argc, char **argv)
     busRows(r, bus, "");
     busRows(r, busOneCpu, "one CPU");
     uciRows(r, uci);
-    daemonRows(r, daemon, size);
+    daemonRows(r, daemon, process, size);
     std::fputs(r.table.text().c_str(), stdout);
     std::printf("%d figure(s) missed their target or were not measured\n", r.missed);
     return r.missed == 0 ? 0 : 1;
