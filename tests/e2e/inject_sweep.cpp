@@ -547,6 +547,8 @@ TEST_F(InjectSweep, MacFilterTextsStayOneWord)
     const auto lines = journal();
     EXPECT_THAT(lines, testing::Contains("ebtables -I FORWARD 1 -s '$(:RE:BO:OT:);:|&' -j DROP"));
     EXPECT_THAT(lines, testing::Contains("ip6tables -I FORWARD -m mac --mac-source $'A\\n:B\\t:C;:D>:E&:F|' -j DROP"));
+    // The text that tries to open a section of its own was stored as a device name (and stayed a value).
+    EXPECT_NE(uciShow("firewall").find("config rule '\\''INJECTED'\\''"), std::string::npos);
 }
 
 TEST_F(InjectSweep, PortMapIptvUpnpAndWanRedirectTexts)
