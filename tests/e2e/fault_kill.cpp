@@ -4,7 +4,7 @@
 // sends one writing call and kills the daemon after a random delay within that call's usual duration. Then every
 // package gwconfd writes must still load and hold, write by write, the state before or after the call (see
 // checkOldOrNew), and the next write of each package (a `uci` commit) must go through: no lock, journal or temporary
-// file of the interrupted commit may stand in its way. The commands the killed daemon had started (a `uci commit`,
+// file of the interrupted commit may stand in its way, and none may stay behind after it. The commands the killed daemon had started (a `uci commit`,
 // a service script) run to their end before anything is looked at, as they would on a router.
 //
 // GWCONF_FAULT_KILLS sets the number of rounds (default 200), GWCONF_FAULT_SEED the seed of the delays (default:
@@ -227,6 +227,8 @@ TEST_F(DaemonKill, EveryPackageHoldsTheStateBeforeOrAfterTheInterruptedWrite)
             std::string wrong = checkOldOrNew(before.at(p), after[k].at(p), file, w.rebuiltLists, p == "macFilter" ? w.passing : kNone);
             ASSERT_EQ(wrong, "") << "package " << p << " after the next commit:\n" << file.text;
         }
+        ASSERT_THAT(hiddenConfigFiles(), ::testing::IsEmpty())
+            << "the next commit leaves the temporary file of the cut one in /etc/config";
     }
     auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
     std::printf("[fault] %d rounds in %lld ms: all packages as before %d, as after %d, in between %d; "
@@ -298,6 +300,29 @@ TEST(OldOrNewCheck, TellsStatesOnTheWayFromDamagedOnes)
                                                     rule, ruleCam}),
                             true),
               "");
+}
+
+}  // namespace
+}  // namespace gw::e2e
+
+namespace gw::e2e {
+namespace {
+
+// A commit killed after it made its temporary file but before it wrote its journal leaves that file in
+// /etc/config; the next commit of the package removes it, and only that package's.
+TEST(CutCommit, TheNextCommitRemovesItsTemporaryFile)
+{
+    ASSERT_NE(std::getenv("GWCONF_SANDBOX"), nullptr);
+    const std::string stale = std::string(kConfigDir) + "/.firewall.uci-Ab12Cd";
+    const std::string other = std::string(kConfigDir) + "/.network.uci-Ab12Cd";
+    writeFile(stale, "config rule\n\toption name 'half'\n");
+    writeFile(other, "config interface 'half'\n");
+    const std::string uciTool = std::getenv("GWCONF_UCI") ? std::getenv("GWCONF_UCI") : "uci";
+    RunResult r = run({uciTool, "batch"}, "set firewall.probe=probe\ncommit firewall\n");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_FALSE(fileExists(stale));
+    EXPECT_TRUE(fileExists(other)) << "a commit of firewall removed a file of network";
+    EXPECT_EQ(loadConfigFile("firewall").ok, true);
 }
 
 }  // namespace

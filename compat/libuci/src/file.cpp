@@ -321,6 +321,28 @@ void recover_journal(const std::string &dir, const char *pkg, const std::string 
 	sync_dir(dir);
 }
 
+// Removes the temporary files of earlier commits of pkg that were cut off before their journal was written (a
+// crash or SIGKILL at that moment); without this each such crash would leave a file in the config folder for good.
+// The caller holds the config's exclusive lock, which every writer of pkg takes before it makes a temporary file,
+// so no such file is still being written.
+void drop_stale_temps(const std::string &dir, const char *pkg)
+{
+	const std::string prefix = std::string(".") + pkg + ".uci-";
+	DIR *d = opendir(dir.c_str());
+	if (!d)
+		return;
+	std::vector<std::string> stale;
+	while (dirent *de = readdir(d)) {
+		std::string name = de->d_name;
+		if (name.size() == prefix.size() + 6 && name.compare(0, prefix.size(), prefix) == 0 &&
+		    name.compare(prefix.size(), 6, "commit") != 0)
+			stale.push_back(join(dir, name));
+	}
+	closedir(d);
+	for (const auto &path : stale)
+		unlink(path.c_str());
+}
+
 // ---- applying delta files ----
 
 bool apply_line(uci_context *ctx, uci_package *p, const DeltaLine &line)
@@ -645,6 +667,7 @@ void commit_with_deltas(uci_context *ctx, uci_package **pp, bool overwrite)
 	if (!overwrite)
 		save_deltas_impl(ctx, p);
 	recover_journal(ctx->savedir, pkg.c_str(), path);
+	drop_stale_temps(dir_of(path), pkg.c_str());
 
 	Fd dfd(open(join(ctx->savedir, pkg).c_str(), O_RDWR | O_CLOEXEC));
 	if (dfd.get() >= 0)
