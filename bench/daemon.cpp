@@ -1,8 +1,10 @@
 // Whole-process figures of gwconfd, measured in the emulated router (its service scripts record and return, so
-// the commands the daemon runs cost what a recorder costs, not what a real firewall reload costs):
+// a firewall reload costs what a recorder costs):
 //
 //   start   fork/exec of gwconfd until a bus client has seen all eight objects announced ("ubus.object.add"
-//           events), 20 starts, each with a fresh process on the same bus;
+//           events), 20 starts, each with a fresh process on the same bus: first with iptables, ip6tables and
+//           ebtables replaced by programs that do nothing, then 20 more through the sandbox's shims (journal,
+//           then the real tool on the sandbox's kernel tables);
 //   rss     VmRSS of the last started process when idle, after 1,000 and after 10,000 calls of the getters
 //           (its anonymous and file parts too);
 //   methods the latency of every method of the eight objects through the bus, one row per kind of request
