@@ -8,6 +8,7 @@
 // or its object not there yet) changed nothing; no call hangs.
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -110,7 +111,14 @@ TEST_F(BusFault, DaemonReconnectsAndKeepsEveryAnsweredWrite)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     killBus();
     const auto killed = Clock::now();
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    // At least 500 ms without a bus, and until at least one call was made and failed meanwhile.
+    auto triedMeanwhile = [&] {
+        std::lock_guard<std::mutex> g(lock);
+        return std::any_of(outcomes.begin(), outcomes.end(), [&](const Outcome &o) { return o.begin >= killed; });
+    };
+    while ((Clock::now() - killed < std::chrono::milliseconds(500) || !triedMeanwhile()) &&
+           Clock::now() - killed < std::chrono::seconds(20))
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     startBus();
     const auto restarted = Clock::now();
     // The daemon's next attempt comes at most 3000 ms after the loss; then the writer's calls answer again.
