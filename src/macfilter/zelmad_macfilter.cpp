@@ -97,32 +97,47 @@ void ubusGetStaNameFromStaListHandler(struct ubus_request *, int, struct blob_at
     log_info("[%s:%d]---------------get s_staListDevName:%s", __func__, __LINE__, s_staListDevName);
 }
 
-int setStaNameToStaList(const char *mac, const char *name)
+namespace {
+
+// One call of RTSta on a private connection: DevMac, and DevName when a name is given (the set call); replies go
+// to cb. Logged under the caller's name; the result is the bus status, or -1 without a connection.
+int callRTSta(const char *fn, const char *method, const char *mac, const char *name, ubus_data_handler_t cb)
 {
-    if (!mac || !name) {
-        log_error("[%s:%d]mac or name is NULL", __func__, __LINE__);
-        return -1;
-    }
     uloop_init();
     StaConnection bus;
     if (!bus.ctx) {
-        log_error("[%s:%d]ubus connect failed", __func__, __LINE__);
+        log_error("[%s:%d]ubus connect failed", fn, __LINE__);
         return -1;
     }
     StaRequest request;
     uint32_t id = 0;
     int ret = ubus_lookup_id(bus.ctx, "RTSta", &id);
     if (ret != UBUS_STATUS_OK) {
-        log_error("[%s:%d]lookup RTSta failed", __func__, __LINE__);
+        log_error("[%s:%d]lookup RTSta failed", fn, __LINE__);
         return ret;
     }
-    log_info("[%s:%d]lookup RTSta successs", __func__, __LINE__);
+    log_info("[%s:%d]lookup RTSta successs", fn, __LINE__);
     blobmsg_add_string(&s_bufRTSta, "DevMac", mac);
-    blobmsg_add_string(&s_bufRTSta, "DevName", name);
-    log_info("[%s:%d]setStaNameToStaList : %s   %s", __func__, __LINE__, mac, name);
-    ret = ubus_invoke(bus.ctx, id, "setStaDevName", s_bufRTSta.head, nullptr, nullptr, RTSTA_TIMEOUT_MS);
-    log_info("[%s:%d]setStaNameToStaList ret: %d", __func__, __LINE__, ret);
+    if (name) {
+        blobmsg_add_string(&s_bufRTSta, "DevName", name);
+        log_info("[%s:%d]setStaNameToStaList : %s   %s", fn, __LINE__, mac, name);
+    } else {
+        log_info("[%s:%d]getStaNameToStaList : %s", fn, __LINE__, mac);
+    }
+    ret = ubus_invoke(bus.ctx, id, method, s_bufRTSta.head, cb, nullptr, RTSTA_TIMEOUT_MS);
+    log_info("[%s:%d]setStaNameToStaList ret: %d", fn, __LINE__, ret);
     return ret;
+}
+
+} // namespace
+
+int setStaNameToStaList(const char *mac, const char *name)
+{
+    if (!mac || !name) {
+        log_error("[%s:%d]mac or name is NULL", __func__, __LINE__);
+        return -1;
+    }
+    return callRTSta(__func__, "setStaDevName", mac, name, nullptr);
 }
 
 int getStaNameFromStaList(const char *mac)
@@ -131,26 +146,7 @@ int getStaNameFromStaList(const char *mac)
         log_error("[%s:%d]mac is NULL", __func__, __LINE__);
         return -1;
     }
-    uloop_init();
-    StaConnection bus;
-    if (!bus.ctx) {
-        log_error("[%s:%d]ubus connect failed", __func__, __LINE__);
-        return -1;
-    }
-    StaRequest request;
-    uint32_t id = 0;
-    int ret = ubus_lookup_id(bus.ctx, "RTSta", &id);
-    if (ret != UBUS_STATUS_OK) {
-        log_error("[%s:%d]lookup RTSta failed", __func__, __LINE__);
-        return ret;
-    }
-    log_info("[%s:%d]lookup RTSta successs", __func__, __LINE__);
-    blobmsg_add_string(&s_bufRTSta, "DevMac", mac);
-    log_info("[%s:%d]getStaNameToStaList : %s", __func__, __LINE__, mac);
-    ret = ubus_invoke(bus.ctx, id, "getStaDevName", s_bufRTSta.head, ubusGetStaNameFromStaListHandler, nullptr,
-                      RTSTA_TIMEOUT_MS);
-    log_info("[%s:%d]setStaNameToStaList ret: %d", __func__, __LINE__, ret);
-    return ret;
+    return callRTSta(__func__, "getStaDevName", mac, nullptr, ubusGetStaNameFromStaListHandler);
 }
 
 void zelmadGetMacFilterListHandler(void)
