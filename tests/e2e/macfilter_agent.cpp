@@ -15,7 +15,7 @@ using ::testing::IsEmpty;
 std::string agentSet(int enable, int policy, const std::string &entries)
 {
     return "{\"macFilterEnable\":" + std::to_string(enable) + ",\"macFilterPolicy\":" + std::to_string(policy) +
-           ",\"macFilterEntries\":" + jsonText(entries) + "}";
+           ",\"macFilterEntries\":" + jsonString(entries) + "}";
 }
 
 TEST_F(MacFilterTest, AgentSetReplacesTheWhiteListAndPushesTheNames)

@@ -207,23 +207,11 @@ inline std::string macFilterConfig(const std::string &enabled, const std::string
     return text;
 }
 
-// A JSON string literal for s.
-inline std::string jsonText(const std::string &s)
-{
-    std::string out = "\"";
-    for (char c : s) {
-        if (c == '"' || c == '\\')
-            out += '\\';
-        out += c;
-    }
-    return out + "\"";
-}
-
 // A macList request of RTMacFilter.
 inline std::string macListRequest(int enable, int model, const std::string &name, const std::string &mac)
 {
     return "{\"enable\":" + std::to_string(enable) + ",\"model\":" + std::to_string(model) +
-           ",\"macList\":{\"name\":" + jsonText(name) + ",\"mac\":" + jsonText(mac) + "}}";
+           ",\"macList\":{\"name\":" + jsonString(name) + ",\"mac\":" + jsonString(mac) + "}}";
 }
 
 constexpr const char *kFirewallReload = "/etc/init.d/firewall reload";

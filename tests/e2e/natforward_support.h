@@ -24,17 +24,6 @@ constexpr long kErrPortRange = 713465861;
 constexpr long kErrPortMapConflict = 713465862;
 constexpr long kErrGroupMapConflict = 713465863;
 
-inline std::string jsonString(const std::string &s)
-{
-    std::string out = "\"";
-    for (char c : s) {
-        if (c == '"' || c == '\\')
-            out += '\\';
-        out += c;
-    }
-    return out + "\"";
-}
-
 inline std::string portEntry(const std::string &name, long protocol, const std::string &ip, long internalPort,
                              long externalPort)
 {

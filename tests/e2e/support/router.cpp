@@ -240,6 +240,17 @@ void writeFile(const std::string &path, const std::string &text, unsigned mode)
     chmod(path.c_str(), mode);
 }
 
+std::string jsonString(const std::string &s)
+{
+    std::string out = "\"";
+    for (char c : s) {
+        if (c == '"' || c == '\\')
+            out += '\\';
+        out += c;
+    }
+    return out + "\"";
+}
+
 std::vector<std::string> splitLines(const std::string &text)
 {
     std::vector<std::string> lines;

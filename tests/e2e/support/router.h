@@ -60,6 +60,7 @@ std::string readFile(const std::string &path);   // the whole file; "" when it c
 bool fileExists(const std::string &path);
 void writeFile(const std::string &path, const std::string &text, unsigned mode = 0644);
 std::vector<std::string> splitLines(const std::string &text);   // without the line ends; no empty last line
+std::string jsonString(const std::string &s);   // s as a JSON string literal (quotes and backslashes escaped)
 
 // True when `log` holds the entry "<level> [<function>:<line number>]<message>" ending right after the message
 // (at a line end or the end of the log), as gwconfd writes it with GWCONF_LOG_STDERR=1. `count` gives the number
