@@ -2,6 +2,8 @@
 // the files, and the exact log lines. The layer runs in this test process, inside the emulated router.
 #include "support/router.h"
 
+#include "common/log_capture.h"
+
 #include "routeutils/routeutils.h"
 #include "uciconfig.h"
 
@@ -9,38 +11,13 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
 using namespace gw::e2e;
+using gw::testutil::captureLog;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
 namespace {
-
-// Runs body with the layer's log lines sent to a temporary file (as "<level> <message>") and returns them.
-template <typename Body>
-std::string logOf(Body body)
-{
-    char path[] = "/tmp/core-uci-log-XXXXXX";
-    const int fd = mkstemp(path);
-    EXPECT_GE(fd, 0);
-    unlink(path);
-    const int saved = dup(STDERR_FILENO);
-    dup2(fd, STDERR_FILENO);
-    setenv("GWCONF_LOG_STDERR", "1", 1);
-    body();
-    unsetenv("GWCONF_LOG_STDERR");
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    std::string out;
-    char buf[4096];
-    lseek(fd, 0, SEEK_SET);
-    for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;)
-        out.append(buf, static_cast<std::size_t>(n));
-    close(fd);
-    return out;
-}
 
 int errorLines(const std::string &log)
 {
@@ -67,33 +44,33 @@ TEST_F(ConfigLayer, GetConfigReadsOneTextWithItsMessages)
     writeConfig("iptv", kIptv);
     char buf[8] = {};
     int rc = -1;
-    std::string log = logOf([&] { rc = uciGetConfig("iptv", "main", "enabled", buf, 7); });
+    std::string log = captureLog("1", [&] { rc = uciGetConfig("iptv", "main", "enabled", buf, 7); });
     EXPECT_EQ(rc, 0);
     EXPECT_STREQ(buf, "1");
     EXPECT_TRUE(logContains(log, "info", "uciGetConfig", "uciConfig value:1")) << log;
     EXPECT_EQ(errorLines(log), 0) << log;
 
     std::memset(buf, 0, sizeof buf);
-    log = logOf([&] { rc = uciGetConfig("iptv", "main", "vlan2", buf, 7); });
+    log = captureLog("1", [&] { rc = uciGetConfig("iptv", "main", "vlan2", buf, 7); });
     EXPECT_EQ(rc, 3);
     EXPECT_TRUE(logContains(log, "error", "uciGetConfig", "uciGetConfig UCI_ERR_NOTFOUND1")) << log;
     EXPECT_THAT(log, Not(HasSubstr("uciConfig value")));
 
     // A list is no single text.
-    log = logOf([&] { rc = uciGetConfig("iptv", "main", "ports", buf, 7); });
+    log = captureLog("1", [&] { rc = uciGetConfig("iptv", "main", "ports", buf, 7); });
     EXPECT_EQ(rc, 3);
     EXPECT_TRUE(logContains(log, "error", "uciGetConfig", "uciGetConfig UCI_ERR_NOTFOUND1")) << log;
 
-    log = logOf([&] { rc = uciGetConfig("iptv", "nosuch", "enabled", buf, 7); });
+    log = captureLog("1", [&] { rc = uciGetConfig("iptv", "nosuch", "enabled", buf, 7); });
     EXPECT_EQ(rc, 3);
     EXPECT_TRUE(logContains(log, "error", "uciGetConfig", "uciGetConfig UCI_ERR_NOTFOUND2")) << log;
 
     removeConfig("iptv");
-    log = logOf([&] { rc = uciGetConfig("iptv", "main", "enabled", buf, 7); });
+    log = captureLog("1", [&] { rc = uciGetConfig("iptv", "main", "enabled", buf, 7); });
     EXPECT_EQ(rc, UCI_ERR_NOTFOUND) << "a missing file is libuci's not-found load error";
     EXPECT_TRUE(logContains(log, "error", "uciGetConfig", "uciGetConfig uci_load:3")) << log;
 
-    log = logOf([&] { rc = uciGetConfig("iptv", nullptr, "enabled", buf, 7); });
+    log = captureLog("1", [&] { rc = uciGetConfig("iptv", nullptr, "enabled", buf, 7); });
     EXPECT_EQ(rc, 2);
     EXPECT_TRUE(logContains(log, "error", "uciGetConfig", "UCI_ERR_INVAL")) << log;
     EXPECT_STREQ(buf, "") << "nothing is written into the buffer on failure";
@@ -117,7 +94,7 @@ TEST_F(ConfigLayer, GetStrJoinsListsAndCutsThemAtTheLimit)
     char path[] = "macFilter.blacklist.deny";
     char buf[2048] = {};
     int rc = -1;
-    std::string log = logOf([&] { rc = uciGetStr(path, buf, 2047); });
+    std::string log = captureLog("1", [&] { rc = uciGetStr(path, buf, 2047); });
     EXPECT_EQ(rc, 0);
     EXPECT_STREQ(buf, "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv AA:BB:CC:DD:EE:03/laptop");
     EXPECT_STREQ(path, "macFilter.blacklist.deny") << "the caller's path text was changed";
@@ -125,7 +102,7 @@ TEST_F(ConfigLayer, GetStrJoinsListsAndCutsThemAtTheLimit)
 
     // 23 + 1 + 20 characters fit in 50; the blank before the third value still fits, the value does not.
     char small[51] = {};
-    log = logOf([&] { rc = uciGetStr("macFilter.blacklist.deny", small, 50); });
+    log = captureLog("1", [&] { rc = uciGetStr("macFilter.blacklist.deny", small, 50); });
     EXPECT_EQ(rc, 2);
     EXPECT_STREQ(small, "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv ");
     EXPECT_EQ(errorLines(log), 0) << "a list cut at the limit is no error:\n" << log;
@@ -149,27 +126,27 @@ TEST_F(ConfigLayer, GetStrOnSectionsAndMissingPaths)
     writeConfig("macFilter", kMacFilter);
     char buf[64] = {};
     int rc = -1;
-    std::string log = logOf([&] { rc = uciGetStr("macFilter.blacklist", buf, 63); });
+    std::string log = captureLog("1", [&] { rc = uciGetStr("macFilter.blacklist", buf, 63); });
     EXPECT_EQ(rc, 2);
     EXPECT_TRUE(logContains(log, "error", "uciGetStr", "UCI_ERR_INVAL")) << log;
     EXPECT_TRUE(logContains(log, "info", "uciGetStr", "uciGetStr val:")) << log;
 
-    log = logOf([&] { rc = uciGetStr("macFilter.nosuch", buf, 63); });
+    log = captureLog("1", [&] { rc = uciGetStr("macFilter.nosuch", buf, 63); });
     EXPECT_EQ(rc, 3);
     EXPECT_TRUE(logContains(log, "error", "uciGetStr", "UCI_ERR_NOTFOUND")) << log;
 
-    log = logOf([&] { rc = uciGetStr("macFilter.main.nosuch", buf, 63); });
+    log = captureLog("1", [&] { rc = uciGetStr("macFilter.main.nosuch", buf, 63); });
     EXPECT_EQ(rc, 3);
-    log = logOf([&] { rc = uciGetStr("macFilter", buf, 63); });
+    log = captureLog("1", [&] { rc = uciGetStr("macFilter", buf, 63); });
     EXPECT_EQ(rc, 3) << "a package is not an option";
 
     // A package that cannot be loaded fails the lookup itself: no value line follows.
-    log = logOf([&] { rc = uciGetStr("nosuchpackage.a.b", buf, 63); });
+    log = captureLog("1", [&] { rc = uciGetStr("nosuchpackage.a.b", buf, 63); });
     EXPECT_EQ(rc, 3);
     EXPECT_TRUE(logContains(log, "error", "uciGetStr", "UCI_ERR_NOTFOUND")) << log;
     EXPECT_THAT(log, Not(HasSubstr("uciGetStr val:")));
 
-    log = logOf([&] { rc = uciGetStr(nullptr, buf, 63); });
+    log = captureLog("1", [&] { rc = uciGetStr(nullptr, buf, 63); });
     EXPECT_EQ(rc, 2);
     EXPECT_TRUE(logContains(log, "error", "uciGetStr", "UCI_ERR_INVAL")) << log;
 }
@@ -195,7 +172,7 @@ TEST_F(ConfigLayer, SetConfigCommitsAndRefusesMissingSections)
 TEST_F(ConfigLayer, AddNewSectionAddsAnUnnamedSectionAndCommits)
 {
     int rc = -1;
-    std::string log = logOf([&] { rc = uciAddNewSection("firewall", "gwprobe", nullptr, nullptr, 0); });
+    std::string log = captureLog("1", [&] { rc = uciAddNewSection("firewall", "gwprobe", nullptr, nullptr, 0); });
     EXPECT_EQ(rc, 0);
     EXPECT_TRUE(logContains(log, "info", "uciAddNewSection", "in uciAddNewSection")) << log;
     EXPECT_EQ(uciGet("firewall.@gwprobe[0]"), "gwprobe");
@@ -203,7 +180,7 @@ TEST_F(ConfigLayer, AddNewSectionAddsAnUnnamedSectionAndCommits)
 
     const char options[3][16] = {"name", "src", "target"};
     const char values[3][64] = {"phone", "lan", "DROP"};
-    log = logOf([&] { rc = uciAddNewSection("firewall", "rule", options, values, 3); });
+    log = captureLog("1", [&] { rc = uciAddNewSection("firewall", "rule", options, values, 3); });
     EXPECT_EQ(rc, 0);
     EXPECT_TRUE(logContains(log, "info", "uciAddNewSection", "option:name, value:phone")) << log;
     EXPECT_TRUE(logContains(log, "info", "uciAddNewSection", "option:target, value:DROP")) << log;
@@ -211,12 +188,12 @@ TEST_F(ConfigLayer, AddNewSectionAddsAnUnnamedSectionAndCommits)
     EXPECT_EQ(uciGet("firewall.@rule[-1].src"), "lan");
     EXPECT_EQ(uciGet("firewall.@rule[-1].target"), "DROP");
 
-    log = logOf([&] { rc = uciAddNewSection("nosuchpackage", "rule", nullptr, nullptr, 0); });
+    log = captureLog("1", [&] { rc = uciAddNewSection("nosuchpackage", "rule", nullptr, nullptr, 0); });
     EXPECT_EQ(rc, UCI_ERR_NOTFOUND);
     EXPECT_TRUE(logContains(log, "error", "uciAddNewSection", "uciAddNewSection uci_load:3")) << log;
     EXPECT_FALSE(fileExists("/etc/config/nosuchpackage"));
 
-    log = logOf([&] { rc = uciAddNewSection("firewall", nullptr, nullptr, nullptr, 0); });
+    log = captureLog("1", [&] { rc = uciAddNewSection("firewall", nullptr, nullptr, nullptr, 0); });
     EXPECT_EQ(rc, 2);
     EXPECT_TRUE(logContains(log, "error", "uciAddNewSection", "UCI_ERR_INVAL")) << log;
 }
@@ -239,13 +216,13 @@ TEST_F(ConfigLayer, ListsGrowAndShrinkPermanently)
 
     EXPECT_EQ(uciAddList("macFilter", "nosuch", "deny", "x"), UCI_ERR_INVAL);
     int rc = -1;
-    std::string log = logOf([&] { rc = uciAddList("macFilter", "blacklist", "deny", nullptr); });
+    std::string log = captureLog("1", [&] { rc = uciAddList("macFilter", "blacklist", "deny", nullptr); });
     EXPECT_EQ(rc, 2);
     EXPECT_TRUE(logContains(log, "error", "uciAddList", "param is null")) << log;
-    log = logOf([&] { rc = uciDelList(nullptr, "blacklist", "deny", "x"); });
+    log = captureLog("1", [&] { rc = uciDelList(nullptr, "blacklist", "deny", "x"); });
     EXPECT_EQ(rc, 2);
     EXPECT_TRUE(logContains(log, "error", "uciDelList", "param is null")) << log;
-    log = logOf([&] { rc = uciAddList("macFilter", "nosuch", "deny", "x"); });
+    log = captureLog("1", [&] { rc = uciAddList("macFilter", "nosuch", "deny", "x"); });
     EXPECT_TRUE(logContains(log, "error", "uciAddList", "uci_add_list error")) << log;
 }
 
@@ -271,7 +248,7 @@ TEST_F(ConfigLayer, DeleteAndRevertWorkInTheCallersContext)
     EXPECT_THAT(readConfig("macFilter"), Not(HasSubstr("whitelist")));
     EXPECT_THAT(readConfig("macFilter"), HasSubstr("blacklist"));
 
-    std::string log = logOf([&] { EXPECT_EQ(uciDeleteSection(ctx, pkg, "macFilter", nullptr), -1); });
+    std::string log = captureLog("1", [&] { EXPECT_EQ(uciDeleteSection(ctx, pkg, "macFilter", nullptr), -1); });
     EXPECT_TRUE(logContains(log, "error", "uciDeleteSection",
                             "ctx is null or pkg is null or configFile or sectionName is null"))
         << log;
