@@ -13,7 +13,9 @@
 //             name: 0xff = len:u8 then that many bytes; 0xfe = no name; else an entry of the name list below
 //                   (the names the handlers look for, nested ones included)
 //             type % 8: 0 string, 1 int32, 2 bool (int8), 3 int16, 4 int64, 5 double, 6 table, 7 array
-//   string := k:u8   k < 0xc0: an entry of the value list below; 0xff: len:u16le bytes; else (k - 0xc0) bytes
+//   string := k:u8   k < 0xc0: an entry of the value list below; 0xff: len:u16le bytes;
+//             0xfe: i:u8 sep:u8 n:u8, value i of the list repeated n % 48 + 1 times, joined by one of ",; /"
+//             (long lists and over-long texts from a few bytes); else (k - 0xc0) bytes
 //   int*   := little-endian bytes of the width;  table/array := count:u8 field*(count % 16), nesting depth <= 4
 //
 // Each input starts from the same state: /etc/config and /tmp/.uci as the router made them. After each call the
@@ -86,6 +88,8 @@ const char *const kValues[] = {
     "0123456789012345678901234567890123456789012345678901234567890123",
 };
 
+constexpr size_t kValueCount = sizeof kValues / sizeof kValues[0];
+
 struct Reader {
     const uint8_t *p;
     size_t n;
@@ -142,9 +146,17 @@ void decodeField(Reader &in, blob_buf *b, bool array, int depth)
     switch (type % 8) {
     case 0: {
         uint8_t k = in.u8();
-        if (k < 0xc0)
-            addString(b, cname, kValues[k % (sizeof kValues / sizeof kValues[0])]);
-        else if (k == 0xff)
+        if (k < 0xc0) {
+            addString(b, cname, kValues[k % kValueCount]);
+        } else if (k == 0xfe) {
+            const char *item = kValues[in.u8() % kValueCount];
+            char sep = ",; /"[in.u8() % 4];
+            int times = in.u8() % 48 + 1;
+            std::string joined = item;
+            for (int i = 1; i < times; ++i)
+                joined += sep + std::string(item);
+            addString(b, cname, joined);
+        } else if (k == 0xff)
             addString(b, cname, in.bytes(in.le(2)));
         else
             addString(b, cname, in.bytes(k - 0xc0));

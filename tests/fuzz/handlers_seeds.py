@@ -23,20 +23,39 @@ METHODS = [
 ]
 
 
-def names_from_source():
+def list_from_source(array):
     text = open(os.path.join(HERE, "handlers.cpp")).read()
-    block = re.search(r"kNames\[\] = \{(.*?)\};", text, re.S).group(1)
-    return re.findall(r'"([^"]*)"', block)
+    block = re.search(array + r"\[\] = \{(.*?)\};", text, re.S).group(1)
+    return [bytes(v, "ascii").decode("unicode_escape") for v in re.findall(r'"((?:[^"\\]|\\.)*)"', block)]
+
+
+def names_from_source():
+    return list_from_source("kNames")
+
+
+def values_from_source():
+    return list_from_source("kValues")
 
 
 NAMES = names_from_source()
+VALUES = values_from_source()
 
 
 def enc_string(s):
     b = s.encode()
-    if len(b) < 0xff - 0xc0:
+    if len(b) < 0xfe - 0xc0:
         return bytes([0xc0 + len(b)]) + b
     return b"\xff" + struct.pack("<H", len(b)) + b
+
+
+class Repeat:
+    def __init__(self, value, sep, times):
+        self.value, self.sep, self.times = value, sep, times
+
+
+def enc_repeat(value, sep, times):
+    """A string made of value `value` of kValues (given by its text) repeated `times` times, joined by sep."""
+    return b"\xfe" + bytes([VALUES.index(value), ",; /".index(sep), times - 1])
 
 
 def enc_name(name):
@@ -56,6 +75,8 @@ def enc_field(name, value):
         return out + b"\x01" + struct.pack("<I", value & 0xffffffff)
     if isinstance(value, str):
         return out + b"\x00" + enc_string(value)
+    if isinstance(value, Repeat):
+        return out + b"\x00" + enc_repeat(value.value, value.sep, value.times)
     if isinstance(value, dict):
         return out + b"\x06" + enc_members(list(value.items()))
     if isinstance(value, list):
@@ -94,6 +115,13 @@ SEEDS = {
                                            "macFilterEntries": "AABBCCDDEE10/tv,AABBCCDDEE11/console"}),
         ("zelmad.macfilter.getMacFilter", {}),
     ],
+    "agent_mac_many_get": [
+        ("zelmad.macfilter.setMacFilter", {"macFilterEnable": 1, "macFilterPolicy": 1,
+                                           "macFilterEntries": Repeat("001122334455/phone", ",", 40)}),
+        ("zelmad.macfilter.getMacFilter", {}),
+    ],
+    "forbid_net_long": [("firewall.setForbiddNet", {"enable": 1, "mac": Repeat(
+        "0123456789012345678901234567890123456789012345678901234567890123", " ", 8)})],
     "iptv_get": [("RTIptv.getIptvInfo", {})],
     "iptv_set_get": [
         ("RTIptv.setIptv", {"enable": 1, "vlanId": 100, "vlan1": 1, "vlan2": 0, "vlan3": 1, "type": 0}),
