@@ -4,7 +4,11 @@
 #include "routeutils/command_line.h"
 #include "routeutils/routeutils.h"
 
+#include "common/log_capture.h"
+
 #include <gtest/gtest.h>
+
+#include <csignal>
 
 #include <chrono>
 #include <cstdlib>
@@ -108,6 +112,41 @@ TEST_F(RunnerExec, RedirectionsAreAppliedInOrder)
     cmd.redirections = {{1, false, dir_ + "/missing/dir/out"}};
     EXPECT_NE(routeutils::runCommand(cmd), 0);
     EXPECT_FALSE(exists(dir_ + "/ran"));
+}
+
+TEST_F(RunnerExec, StartedProgramsGetDefaultSignalsAndStartFailuresAreReported)
+{
+    // The event loop ignores SIGPIPE and a daemon may block signals; what it starts must not inherit either, or a
+    // program writing into a closed pipe would spin on EPIPE instead of ending.
+    struct sigaction ign {}, oldPipe {};
+    ign.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ign, &oldPipe);
+    sigset_t block, oldMask;
+    sigemptyset(&block);
+    sigaddset(&block, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &block, &oldMask);
+    const int rc = LC_SystemCall("grep -E %s /proc/self/status > signals", "^Sig(Ign|Blk):");
+    sigprocmask(SIG_SETMASK, &oldMask, nullptr);
+    sigaction(SIGPIPE, &oldPipe, nullptr);
+    ASSERT_EQ(rc, 0);
+    unsigned long long ignored = ~0ULL, blocked = ~0ULL;
+    std::istringstream in(readFile(dir_ + "/signals"));
+    for (std::string key, hex; in >> key >> hex;)
+        (key == "SigIgn:" ? ignored : blocked) = std::stoull(hex, nullptr, 16);
+    EXPECT_EQ(ignored & (1ULL << (SIGPIPE - 1)), 0u);
+    EXPECT_EQ(blocked, 0u);
+
+    // A program that cannot start: 127 and a message on the daemon's stderr, unless the command sends its stderr
+    // elsewhere, as a shell would.
+    int status = 0;
+    std::string err = gw::testutil::captureLog(nullptr, [&] { status = LC_SystemCall("gwconf-no-such-program"); });
+    EXPECT_EQ(status, 127);
+    EXPECT_EQ(err, "gwconfd: cannot run gwconf-no-such-program: No such file or directory\n");
+    err = gw::testutil::captureLog(nullptr, [&] { status = LC_SystemCall("gwconf-no-such-program 2> /dev/null"); });
+    EXPECT_EQ(status, 127);
+    EXPECT_EQ(err, "");
+    // In the background it counts as started, as "&" does in a shell.
+    EXPECT_EQ(LC_SystemCall("gwconf-no-such-program > /dev/null 2>&1 &"), 0);
 }
 
 TEST_F(RunnerExec, BackgroundCommandsDoNotBlockAndAreReaped)
