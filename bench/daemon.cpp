@@ -17,6 +17,7 @@
 // Usage: bench_daemon [--out FILE] [--starts N] [--calls N] [--quick]
 // Writes one JSON object to FILE (default: stdout) and a line per phase to stderr.
 #include "bench_util.h"
+#include "sandbox_entry.h"
 
 #include <libubus.h>
 extern "C" {
@@ -594,26 +595,7 @@ int main2(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
-    if (std::getenv("GWCONF_SANDBOX") == nullptr) {
-        // Run again inside the emulated router, with the bus daemon of this build running and no gwconfd.
-        char self[PATH_MAX];
-        const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-        if (n <= 0)
-            return 1;
-        self[n] = '\0';
-        std::string buildDir = GWCONF_BIN_DIR;
-        buildDir = buildDir.substr(0, buildDir.find_last_of('/'));
-        const std::string router = std::string(GWCONF_SOURCE_DIR) + "/sandbox/router";
-        std::vector<std::string> words = {router, "--build", buildDir, "--bus-only", "--", self};
-        for (int i = 1; i < argc; i++)
-            words.push_back(argv[i]);
-        std::vector<char *> args;
-        for (auto &w : words)
-            args.push_back(w.data());
-        args.push_back(nullptr);
-        execv(router.c_str(), args.data());
-        std::perror("sandbox/router");
-        return 127;
-    }
+    // Inside the emulated router, with the bus daemon of this build running and no gwconfd.
+    gwbench::enterSandbox(true);
     return main2(argc, argv);
 }

@@ -6,6 +6,8 @@
 // each benchmark. Each benchmark reports the median of its calls as "median_ms".
 #include <benchmark/benchmark.h>
 
+#include "sandbox_entry.h"
+
 #include <algorithm>
 #include <chrono>
 #include <climits>
@@ -162,38 +164,10 @@ void BM_addOnePortMapping31of500(benchmark::State &state)
 BENCHMARK(BM_getPortMapping32of500)->Unit(benchmark::kMillisecond)->Iterations(200);
 BENCHMARK(BM_addOnePortMapping31of500)->Unit(benchmark::kMillisecond)->Iterations(100);
 
-// Outside a sandbox, runs this program again inside the emulated router, with the bus daemon and gwconfd of this
+// Outside a sandbox, this program runs again inside the emulated router, with the bus daemon and gwconfd of this
 // build, before any benchmark starts.
 struct EnterSandbox {
-    EnterSandbox()
-    {
-        if (std::getenv("GWCONF_SANDBOX") != nullptr)
-            return;
-        char self[PATH_MAX];
-        const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-        if (n <= 0)
-            return;
-        self[n] = '\0';
-        std::string buildDir = GWCONF_BIN_DIR;
-        buildDir = buildDir.substr(0, buildDir.find_last_of('/'));
-        const std::string router = std::string(GWCONF_SOURCE_DIR) + "/sandbox/router";
-
-        // This program's own arguments, from /proc (main has not run yet).
-        std::ifstream cmdline("/proc/self/cmdline", std::ios::binary);
-        std::vector<std::string> own;
-        for (std::string arg; std::getline(cmdline, arg, '\0');)
-            own.push_back(arg);
-        std::vector<std::string> words = {router, "--build", buildDir, "--", self};
-        for (size_t i = 1; i < own.size(); i++)
-            words.push_back(own[i]);
-        std::vector<char *> args;
-        for (auto &w : words)
-            args.push_back(w.data());
-        args.push_back(nullptr);
-        execv(router.c_str(), args.data());
-        perror("sandbox/router");
-        _exit(127);
-    }
+    EnterSandbox() { gwbench::enterSandbox(false); }
 } s_enterSandbox;
 
 } // namespace

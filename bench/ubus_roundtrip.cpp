@@ -18,6 +18,7 @@ extern "C" {
 #include <libubus.h>
 
 #include "bench_util.h"
+#include "sandbox_entry.h"
 
 #include <benchmark/benchmark.h>
 
@@ -254,38 +255,15 @@ BENCHMARK(BM_RawSocketPingPong)->MinTime(1.0)->UseRealTime();
 BENCHMARK(BM_DaemonCall)->MinTime(1.0)->UseRealTime();
 BENCHMARK(BM_BusCall)->MinTime(1.0)->UseRealTime();
 
-// Outside a sandbox, runs this program again inside the emulated router of its build folder (bus daemon and
-// gwconfd running), before any benchmark starts.
+// Outside a sandbox, this program runs again inside the emulated router of its build folder (bus daemon and
+// gwconfd running), before any benchmark starts; not the server it starts of itself.
 struct EnterSandbox {
 	EnterSandbox()
 	{
-		if (getenv("GWCONF_SANDBOX") || getenv("GWCONF_UBUS_BENCH_SERVER"))
-			return;
-		char self[PATH_MAX];
-		const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-		if (n <= 0)
-			return;
-		self[n] = '\0';
-		std::string buildDir = GWCONF_BIN_DIR;
-		buildDir = buildDir.substr(0, buildDir.find_last_of('/'));
-		const std::string router = std::string(GWCONF_SOURCE_DIR) + "/sandbox/router";
-		// This program's own arguments, from /proc (main has not run yet).
-		std::ifstream cmdline("/proc/self/cmdline", std::ios::binary);
-		std::vector<std::string> own;
-		for (std::string arg; std::getline(cmdline, arg, '\0');)
-			own.push_back(arg);
-		std::vector<std::string> words = {router, "--build", buildDir, "--", self};
-		for (size_t i = 1; i < own.size(); i++)
-			words.push_back(own[i]);
-		std::vector<char *> args;
-		for (auto &w : words)
-			args.push_back(w.data());
-		args.push_back(nullptr);
-		execv(router.c_str(), args.data());
-		perror("sandbox/router");
-		_exit(127);
+		if (!getenv("GWCONF_UBUS_BENCH_SERVER"))
+			gwbench::enterSandbox(false);
 	}
-} enterSandbox;
+} s_enterSandbox;
 
 } // namespace
 
