@@ -3,8 +3,9 @@
 //
 // RtStaStandIn stands in for RTSta, the station daemon that keeps the names of client devices. It is a child process of the test that offers the object "RTSta" on the emulated router's bus:
 // "setStaDevName" {DevMac, DevName} stores a name; "getStaDevName" {DevMac} answers {"params":{"DevName":...}} for
-// a known MAC and nothing for an unknown one. It can be made slow (every call answers after a delay). Each call it
-// receives is recorded, before it answers, as one line "<method> <DevMac>[ <DevName>]" that the test reads back.
+// a known MAC and nothing for an unknown one. It can be made slow (every call answers after a delay), made to hang
+// (it takes every call and never completes one), and stopped and resumed as a process. Each call it receives is
+// recorded, before it answers, as one line "<method> <DevMac>[ <DevName>]" that the test reads back.
 #pragma once
 
 #include <fcntl.h>
@@ -14,8 +15,10 @@
 
 #include <libubus.h>
 
+#include <chrono>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/router.h"
@@ -24,11 +27,13 @@ namespace gw::e2e {
 
 class RtStaStandIn {
 public:
-    // names: the stations known from the start; delayMs: how long every call takes before it answers.
-    explicit RtStaStandIn(std::map<std::string, std::string> names = {}, int delayMs = 0)
+    // names: the stations known from the start; delayMs: how long every call takes before it answers; hang: take
+    // every call and never complete one.
+    explicit RtStaStandIn(std::map<std::string, std::string> names = {}, int delayMs = 0, bool hang = false)
     {
         state().names = std::move(names);
         state().delayMs = delayMs;
+        state().hang = hang;
     }
     RtStaStandIn(const RtStaStandIn &) = delete;
     RtStaStandIn &operator=(const RtStaStandIn &) = delete;
@@ -58,10 +63,15 @@ public:
         ASSERT_EQ(n, 1) << "the RTSta stand-in could not register on the bus";
     }
 
+    // Stops and resumes the process: while stopped, the bus still queues its calls and nobody reads them.
+    void pause() { kill(pid_, SIGSTOP); }
+    void resume() { kill(pid_, SIGCONT); }
+
     void stop()
     {
         if (pid_ > 0) {
             kill(pid_, SIGTERM);
+            kill(pid_, SIGCONT);
             int status = 0;
             waitpid(pid_, &status, 0);
             pid_ = -1;
@@ -80,10 +90,23 @@ public:
         return splitLines(recorded_);
     }
 
+    // Waits until `count` calls were recorded; false when timeoutMs passed first.
+    bool waitCalls(size_t count, int timeoutMs)
+    {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (calls().size() < count) {
+            if (std::chrono::steady_clock::now() >= end)
+                return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return true;
+    }
+
 private:
     struct State {
         std::map<std::string, std::string> names;
         int delayMs = 0;
+        bool hang = false;
         int recordFd = -1;
     };
     static State &state()
@@ -116,7 +139,18 @@ private:
             usleep(static_cast<useconds_t>(state().delayMs) * 1000);
     }
 
-    static int setName(struct ubus_context *, struct ubus_object *, struct ubus_request_data *, const char *,
+    // In the hanging mode: takes the call over and never completes it. True when it did.
+    static bool held(struct ubus_context *ctx, struct ubus_request_data *req)
+    {
+        if (!state().hang)
+            return false;
+        static struct ubus_request_data requests[256];
+        static int count = 0;
+        ubus_defer_request(ctx, req, &requests[count++ % 256]);
+        return true;
+    }
+
+    static int setName(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
                        struct blob_attr *msg)
     {
         struct blob_attr *tb[DEV_MAX];
@@ -126,6 +160,8 @@ private:
         std::string mac = blobmsg_get_string(tb[DEV_MAC]);
         std::string name = blobmsg_get_string(tb[DEV_NAME]);
         record("setStaDevName " + mac + " " + name);
+        if (held(ctx, req))
+            return UBUS_STATUS_OK;
         delay();
         state().names[mac] = name;
         return UBUS_STATUS_OK;
@@ -140,6 +176,8 @@ private:
             return UBUS_STATUS_INVALID_ARGUMENT;
         std::string mac = blobmsg_get_string(tb[DEV_MAC]);
         record("getStaDevName " + mac);
+        if (held(ctx, req))
+            return UBUS_STATUS_OK;
         delay();
         auto it = state().names.find(mac);
         if (it == state().names.end())
