@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/bus_client.h"
 #include "support/fault.h"
 #include "support/router.h"
 
@@ -104,7 +105,7 @@ protected:
         restoreFolder("/tmp/.uci", storedDeltas_);
     }
 
-    BusProbe probe_;
+    BusClient probe_;
     uint32_t lastId_ = 0;
     std::map<std::string, std::string> storedConfig_, storedDeltas_;
 };

@@ -1,7 +1,9 @@
 // The in-process bus client of the e2e tests.
 #include "support/bus_client.h"
 
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 extern "C" {
 #include <libubox/blobmsg.h>
@@ -81,6 +83,45 @@ void BusClient::disconnect()
     ctx_ = nullptr;
     ids_.clear();
 }
+
+uint32_t BusClient::lookup(const std::string &object)
+{
+    if (!ctx_ && !connect())
+        return 0;
+    uint32_t id = 0;
+    int rc = ubus_lookup_id(ctx_, object.c_str(), &id);
+    if (rc == UBUS_STATUS_OK)
+        return id;
+    if (rc != UBUS_STATUS_NOT_FOUND)
+        disconnect();   // the connection is gone (a restarted bus daemon): connect again next time
+    return 0;
+}
+
+uint32_t BusClient::waitObject(const std::string &object, uint32_t notId, int timeoutMs)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        uint32_t id = lookup(object);
+        if (id != 0 && id != notId)
+            return id;
+        if (std::chrono::steady_clock::now() >= end)
+            return 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+bool BusClient::waitGone(const std::string &object, uint32_t id, int timeoutMs)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        if (lookup(object) != id)
+            return true;
+        if (std::chrono::steady_clock::now() >= end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
 
 namespace {
 

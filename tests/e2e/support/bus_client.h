@@ -50,6 +50,14 @@ public:
     void disconnect();
     void forget() { ids_.clear(); }
 
+    // The object's id now, or 0 when it is not on the bus (not cached). A connection found dead (a restarted bus
+    // daemon) is dropped and made again by the next look-up.
+    uint32_t lookup(const std::string &object);
+    // Waits until the object is on the bus with an id other than notId; its id, or 0 after timeoutMs.
+    uint32_t waitObject(const std::string &object, uint32_t notId, int timeoutMs);
+    // Waits until the object with that id has left the bus; false after timeoutMs.
+    bool waitGone(const std::string &object, uint32_t id, int timeoutMs);
+
     // The call's bus status (UBUS_STATUS_NOT_FOUND when the object is not there) and reply.
     CallResult call(const std::string &object, const std::string &method, const BusValue &request,
                     int timeoutMs = 20000);

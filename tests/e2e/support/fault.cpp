@@ -21,7 +21,6 @@
 
 #include "support/router.h"
 
-#include <libubus.h>
 #include <uci.h>
 
 namespace gw::e2e {
@@ -301,60 +300,6 @@ bool reapChildren(const std::vector<pid_t> &keep, int timeoutMs)
             }
             return false;
         }
-        pauseMs(2);
-    }
-}
-
-BusProbe::~BusProbe() { close(); }
-
-bool BusProbe::connect()
-{
-    close();
-    ctx_ = ubus_connect(nullptr);
-    return ctx_ != nullptr;
-}
-
-void BusProbe::close()
-{
-    if (ctx_)
-        ubus_free(ctx_);
-    ctx_ = nullptr;
-}
-
-uint32_t BusProbe::lookup(const std::string &object)
-{
-    if (!ctx_ && !connect())
-        return 0;
-    uint32_t id = 0;
-    int rc = ubus_lookup_id(ctx_, object.c_str(), &id);
-    if (rc == UBUS_STATUS_OK)
-        return id;
-    if (rc != UBUS_STATUS_NOT_FOUND)
-        close();   // the connection is gone (a restarted bus daemon): connect again next time
-    return 0;
-}
-
-uint32_t BusProbe::waitObject(const std::string &object, uint32_t notId, int timeoutMs)
-{
-    auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        uint32_t id = lookup(object);
-        if (id != 0 && id != notId)
-            return id;
-        if (Clock::now() >= end)
-            return 0;
-        pauseMs(5);
-    }
-}
-
-bool BusProbe::waitGone(const std::string &object, uint32_t id, int timeoutMs)
-{
-    auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        if (lookup(object) != id)
-            return true;
-        if (Clock::now() >= end)
-            return false;
         pauseMs(2);
     }
 }

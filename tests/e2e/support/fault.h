@@ -9,7 +9,6 @@
 #include <sys/types.h>
 #include <vector>
 
-struct ubus_context;
 
 namespace gw::e2e {
 
@@ -61,26 +60,6 @@ void adoptOrphans();
 bool reapChildren(const std::vector<pid_t> &keep, int timeoutMs);
 // The children of this process whose program name (comm) is `name`.
 std::vector<pid_t> childrenNamed(const std::string &name);
-
-// A bus connection of the test process, for object look-ups.
-class BusProbe {
-public:
-    BusProbe() = default;
-    BusProbe(const BusProbe &) = delete;
-    BusProbe &operator=(const BusProbe &) = delete;
-    ~BusProbe();
-    bool connect();
-    void close();
-    // The object's id, or 0 when it is not on the bus.
-    uint32_t lookup(const std::string &object);
-    // Waits until `object` is on the bus with an id other than `notId`; its id, or 0 after timeoutMs.
-    uint32_t waitObject(const std::string &object, uint32_t notId, int timeoutMs);
-    // Waits until `object` is no longer on the bus with id `id`.
-    bool waitGone(const std::string &object, uint32_t id, int timeoutMs);
-
-private:
-    ubus_context *ctx_ = nullptr;
-};
 
 // A program started without waiting for it (no shell); its output goes to /dev/null.
 pid_t spawnQuiet(const std::vector<std::string> &argv);
