@@ -247,6 +247,35 @@ TEST(UciCommit, OtherDeltaDirectoriesAreAppliedButKept)
 	EXPECT_EQ(read_file(t.delta("t")), "");
 }
 
+// The journal a commit writes before its rename: the produced file's inode, size and modification time, the
+// number of delta bytes it folded in, its temporary file, and the FNV-1a (64 bits) of those bytes in hex.
+std::string journalFor(const std::string &config, const std::string &folded, const std::string &temp)
+{
+	struct stat st {};
+	EXPECT_EQ(stat(config.c_str(), &st), 0);
+	unsigned long long h = 14695981039346656037ULL;
+	for (unsigned char c : folded) {
+		h ^= c;
+		h *= 1099511628211ULL;
+	}
+	char fp[17];
+	snprintf(fp, sizeof fp, "%016llx", h);
+	return std::to_string(st.st_ino) + " " + std::to_string(st.st_size) + " " + std::to_string(st.st_mtim.tv_sec) +
+		" " + std::to_string(st.st_mtim.tv_nsec) + " " + std::to_string(folded.size()) + " " + temp + " " + fp + "\n";
+}
+
+std::vector<std::string> listItems(Context &ctx, const char *path)
+{
+	Tuple l(ctx, path);
+	std::vector<std::string> items;
+	if (l.rc != UCI_OK || l.ptr.o == nullptr)
+		return items;
+	uci_element *e;
+	uci_foreach_element(&l.ptr.o->v.list, e)
+		items.push_back(e->name);
+	return items;
+}
+
 // A commit that stopped between the rename and the emptying of the delta file left its journal behind:
 // the lines it folded in must not apply twice, and lines saved after it must not be lost.
 TEST(UciCommit, InterruptedCommitIsFinished)
@@ -256,22 +285,11 @@ TEST(UciCommit, InterruptedCommitIsFinished)
 	write_file(t.config("t"), committed);
 	const std::string folded = "|t.n.l='1'\n";
 	write_file(t.delta("t"), folded + "|t.n.l='2'\n");
-	struct stat st {};
-	ASSERT_EQ(stat(t.config("t").c_str(), &st), 0);
-	write_file(t.save + "/.t.uci-commit",
-		std::to_string(st.st_ino) + " " + std::to_string(st.st_size) + " " + std::to_string(st.st_mtim.tv_sec) +
-			" " + std::to_string(st.st_mtim.tv_nsec) + " " + std::to_string(folded.size()) + " " + t.conf +
-			"/.t.uci-gone\n");
+	write_file(t.save + "/.t.uci-commit", journalFor(t.config("t"), folded, t.conf + "/.t.uci-gone"));
 	{
 		Context ctx(t);
+		EXPECT_EQ(listItems(ctx, "t.n.l"), (std::vector<std::string>{"1", "2"}));
 		Tuple l(ctx, "t.n.l");
-		ASSERT_EQ(l.rc, UCI_OK);
-		ASSERT_NE(l.ptr.o, nullptr);
-		std::vector<std::string> items;
-		uci_element *e;
-		uci_foreach_element(&l.ptr.o->v.list, e)
-			items.push_back(e->name);
-		EXPECT_EQ(items, (std::vector<std::string>{"1", "2"}));
 		uci_package *p = l.ptr.p;
 		ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
 	}
@@ -281,7 +299,7 @@ TEST(UciCommit, InterruptedCommitIsFinished)
 
 	// A journal whose file never replaced the config (the crash came before the rename) is ignored.
 	write_file(t.delta("t"), "|t.n.l='3'\n");
-	write_file(t.save + "/.t.uci-commit", "1 2 3 4 11 " + t.conf + "/.t.uci-left\n");
+	write_file(t.save + "/.t.uci-commit", "1 2 3 4 11 " + t.conf + "/.t.uci-left 0123456789abcdef\n");
 	write_file(t.conf + "/.t.uci-left", "partial");
 	Context ctx(t);
 	Tuple l(ctx, "t.n.l");
@@ -290,6 +308,26 @@ TEST(UciCommit, InterruptedCommitIsFinished)
 	EXPECT_EQ(read_file(t.config("t")), "\nconfig a 'n'\n\tlist l '1'\n\tlist l '2'\n\tlist l '3'\n\n");
 	EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
 	EXPECT_FALSE(exists(t.conf + "/.t.uci-left"));
+}
+
+// A commit that stopped after emptying the delta file but before deleting its journal: the delta file holds only
+// changes saved since, as long as the folded ones or longer, and none of them may be skipped.
+TEST(UciCommit, ChangesSavedAfterAnEmptiedDeltaFileAreKept)
+{
+	TempTree t;
+	write_file(t.config("t"), "\nconfig a 'n'\n\tlist l '1'\n\n");
+	write_file(t.save + "/.t.uci-commit", journalFor(t.config("t"), "|t.n.l='1'\n", t.conf + "/.t.uci-gone"));
+	write_file(t.delta("t"), "|t.n.l='9'\n");   // saved after the emptying, the same length as the folded line
+	{
+		Context ctx(t);
+		EXPECT_EQ(listItems(ctx, "t.n.l"), (std::vector<std::string>{"1", "9"}));
+		Tuple l(ctx, "t.n.l");
+		uci_package *p = l.ptr.p;
+		ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
+	}
+	EXPECT_EQ(read_file(t.config("t")), "\nconfig a 'n'\n\tlist l '1'\n\tlist l '9'\n\n");
+	EXPECT_EQ(read_file(t.delta("t")), "");
+	EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
 }
 
 class UciRevert : public ::testing::Test {

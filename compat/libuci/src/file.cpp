@@ -10,9 +10,11 @@
 // Crash safety of a commit. The new file is written to a temporary file in the config's directory, synced,
 // and renamed over the config; the directory is synced. The delta file is emptied only after that. To make
 // the step between the rename and the emptying safe, a small journal (".PKG.uci-commit" in the save
-// directory) records, before the rename, which file the commit produced and how many bytes of the delta
-// file it consumed. A later load that finds the journal and the produced file in place skips those bytes;
-// the next commit or revert removes them for good and deletes the journal.
+// directory) records, before the rename, which file the commit produced, how many bytes of the delta file it
+// consumed and a fingerprint of those bytes. A later load that finds the journal, the produced file in place and
+// the delta file still starting with those bytes skips them; the next commit or revert removes them for good and
+// deletes the journal. The fingerprint covers a crash after the emptying but before the journal is deleted: the
+// delta file then holds only changes saved since, which must not be skipped.
 #include "internal.h"
 
 #include <cerrno>
@@ -255,9 +257,52 @@ std::string delta_text(const uci_delta *d, const char *package)
 // ---- the commit journal ----
 
 struct Journal {
-	unsigned long long ino = 0, size = 0, mtime_s = 0, mtime_ns = 0, consumed = 0;
+	unsigned long long ino = 0, size = 0, mtime_s = 0, mtime_ns = 0, consumed = 0, fingerprint = 0;
 	std::string temp;
 };
+
+// FNV-1a, 64 bits, of the consumed part of a delta file.
+unsigned long long fingerprint(std::string_view bytes)
+{
+	unsigned long long h = 14695981039346656037ULL;
+	for (unsigned char c : bytes) {
+		h ^= c;
+		h *= 1099511628211ULL;
+	}
+	return h;
+}
+
+std::string hex(unsigned long long v)
+{
+	char text[17];
+	snprintf(text, sizeof text, "%016llx", v);
+	return text;
+}
+
+// The first n bytes of fd (fewer when it is shorter), read without moving its offset.
+std::string read_prefix(int fd, size_t n)
+{
+	std::string r(n, '\0');
+	size_t done = 0;
+	while (done < n) {
+		ssize_t got = pread(fd, r.data() + done, n - done, static_cast<off_t>(done));
+		if (got < 0 && errno == EINTR)
+			continue;
+		if (got < 0)
+			fail(UCI_ERR_IO);
+		if (got == 0)
+			break;
+		done += static_cast<size_t>(got);
+	}
+	r.resize(done);
+	return r;
+}
+
+// True when the delta file (its first bytes in `head`) still starts with what the journal's commit consumed.
+bool still_holds_consumed(const Journal &j, std::string_view head)
+{
+	return head.size() >= j.consumed && fingerprint(head.substr(0, j.consumed)) == j.fingerprint;
+}
 
 std::string journal_path(const std::string &dir, const char *pkg) { return join(dir, std::string(".") + pkg + ".uci-commit"); }
 
@@ -267,9 +312,10 @@ bool read_journal(const std::string &dir, const char *pkg, Journal &j)
 	if (!f)
 		return false;
 	char temp[PATH_MAX + 1] = "";
-	int n = fscanf(f, "%llu %llu %llu %llu %llu %4096s", &j.ino, &j.size, &j.mtime_s, &j.mtime_ns, &j.consumed, temp);
+	int n = fscanf(f, "%llu %llu %llu %llu %llu %4096s %llx", &j.ino, &j.size, &j.mtime_s, &j.mtime_ns, &j.consumed,
+		       temp, &j.fingerprint);
 	fclose(f);
-	if (n < 5)
+	if (n < 7)
 		return false;
 	j.temp = temp;
 	return true;
@@ -284,11 +330,13 @@ bool journal_done(const Journal &j, const struct stat &st)
 		static_cast<unsigned long long>(st.st_mtim.tv_nsec) == j.mtime_ns;
 }
 
-// Bytes at the start of DIR/PKG that a finished commit already folded into the config file.
-long committed_prefix(const std::string &dir, const char *pkg, const struct stat *config)
+// Bytes at the start of the delta file DIR/PKG (open as fd) that a finished commit already folded into the
+// config file.
+long committed_prefix(const std::string &dir, const char *pkg, const struct stat *config, int fd)
 {
 	Journal j;
-	if (!config || !read_journal(dir, pkg, j) || !journal_done(j, *config))
+	if (!config || !read_journal(dir, pkg, j) || !journal_done(j, *config) ||
+	    !still_holds_consumed(j, read_prefix(fd, j.consumed)))
 		return 0;
 	return static_cast<long>(j.consumed);
 }
@@ -308,11 +356,13 @@ void recover_journal(const std::string &dir, const char *pkg, const std::string 
 		if (d.get() >= 0) {
 			lock_fd(d.get(), LOCK_EX);
 			std::string rest = read_all(d.get());
-			rest.erase(0, std::min<size_t>(rest.size(), j.consumed));
-			if (ftruncate(d.get(), 0) < 0 || lseek(d.get(), 0, SEEK_SET) < 0)
-				fail(UCI_ERR_IO);
-			write_all(d.get(), rest);
-			fsync(d.get());
+			if (still_holds_consumed(j, rest)) {
+				rest.erase(0, j.consumed);
+				if (ftruncate(d.get(), 0) < 0 || lseek(d.get(), 0, SEEK_SET) < 0)
+					fail(UCI_ERR_IO);
+				write_all(d.get(), rest);
+				fsync(d.get());
+			}
 		}
 	} else if (!j.temp.empty()) {
 		unlink(j.temp.c_str());
@@ -418,7 +468,7 @@ int apply_delta_files(uci_context *ctx, uci_package *p, const struct stat *confi
 			close(copy);
 			fail(UCI_ERR_IO);
 		}
-		long skip = committed_prefix(dir, p->e.name, config);
+		long skip = committed_prefix(dir, p->e.name, config, fd);
 		if (fseek(f, skip, SEEK_SET) != 0) {
 			fclose(f);
 			fail(UCI_ERR_IO);
@@ -714,7 +764,8 @@ void commit_with_deltas(uci_context *ctx, uci_package **pp, bool overwrite)
 		}
 		std::string j = std::to_string(tst.st_ino) + " " + std::to_string(tst.st_size) + " " +
 			std::to_string(tst.st_mtim.tv_sec) + " " + std::to_string(tst.st_mtim.tv_nsec) + " " +
-			std::to_string(dst.st_size) + " " + temp + "\n";
+			std::to_string(dst.st_size) + " " + temp + " " +
+			hex(fingerprint(read_prefix(dfd.get(), static_cast<size_t>(dst.st_size)))) + "\n";
 		std::string jpath = journal_path(ctx->savedir, pkg.c_str());
 		Fd jfd(open(jpath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
 		if (jfd.get() < 0) {
