@@ -47,7 +47,9 @@ int LC_SystemCallV(const char *fmt, va_list ap);
 int iptables(const char *fmt, ...) RU_PRINTF(1, 2);
 
 /* Logging: one line per call. Formats start with "[%s:%d]" filled with __func__ and __LINE__. Lines go to syslog
- * (facility daemon, ident "gwconfd"), and also to stderr as "<level> <message>" when GWCONF_LOG_STDERR=1. */
+ * (facility daemon, ident "gwconfd"), and also to stderr as "<level> <message>" when GWCONF_LOG_STDERR=1.
+ * GWCONF_LOG_LEVEL (err, info, debug, or a syslog level 0 to 7) is the threshold of both; unset, syslog takes
+ * err and info, stderr every level. */
 void log_error(const char *fmt, ...) RU_PRINTF(1, 2);
 void log_info(const char *fmt, ...) RU_PRINTF(1, 2);
 void log_debug(const char *fmt, ...) RU_PRINTF(1, 2);

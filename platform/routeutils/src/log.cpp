@@ -1,11 +1,14 @@
 // Logging: one line per call to syslog (facility daemon, ident "gwconfd"), and to stderr as "<level> <message>"
-// when the environment holds GWCONF_LOG_STDERR=1.
+// when the environment holds GWCONF_LOG_STDERR=1. GWCONF_LOG_LEVEL in the environment sets the threshold of both
+// ("err", "info", "debug", any other syslog level name, or its number 0 to 7); without it, or with a value it does
+// not know, syslog takes err and info (the debug lines, one per command run, stay out) and stderr every level.
 #include "routeutils/routeutils.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <vector>
@@ -20,9 +23,36 @@ bool stderrWanted()
     return v && std::strcmp(v, "1") == 0;
 }
 
+// The syslog priority that GWCONF_LOG_LEVEL names, or -1 when it is unset or names none.
+int levelAsked()
+{
+    const char *v = std::getenv("GWCONF_LOG_LEVEL");
+    if (!v)
+        return -1;
+    if (v[0] >= '0' && v[0] <= '7' && v[1] == '\0')
+        return v[0] - '0';
+    static const struct {
+        const char *name;
+        int priority;
+    } names[] = {
+        {"emerg", LOG_EMERG},     {"alert", LOG_ALERT},     {"crit", LOG_CRIT},   {"err", LOG_ERR},
+        {"error", LOG_ERR},       {"warning", LOG_WARNING}, {"warn", LOG_WARNING}, {"notice", LOG_NOTICE},
+        {"info", LOG_INFO},       {"debug", LOG_DEBUG},
+    };
+    for (const auto &n : names)
+        if (strcasecmp(v, n.name) == 0)
+            return n.priority;
+    return -1;
+}
+
 void logLine(int priority, const char *level, const char *fmt, va_list ap)
 {
     if (!fmt)
+        return;
+    const int asked = levelAsked();
+    const bool toSyslog = priority <= (asked >= 0 ? asked : LOG_INFO);
+    const bool toStderr = stderrWanted() && priority <= (asked >= 0 ? asked : LOG_DEBUG);
+    if (!toSyslog && !toStderr)
         return;
     char small[512];
     va_list copy;
@@ -38,12 +68,14 @@ void logLine(int priority, const char *level, const char *fmt, va_list ap)
         std::vsnprintf(big.data(), big.size(), fmt, ap);
         msg = big.data();
     }
-    if (!g_syslogOpen) {
-        openlog("gwconfd", LOG_PID, LOG_DAEMON);
-        g_syslogOpen = true;
+    if (toSyslog) {
+        if (!g_syslogOpen) {
+            openlog("gwconfd", LOG_PID, LOG_DAEMON);
+            g_syslogOpen = true;
+        }
+        syslog(priority, "%s", msg);
     }
-    syslog(priority, "%s", msg);
-    if (stderrWanted()) {
+    if (toStderr) {
         // One write per line, so lines of several processes sharing stderr never interleave. A message that
         // already ends its line gets no second line end.
         std::vector<char> line;
