@@ -1,2 +1,3 @@
-# Stand-in for cmake.mk: the staged libraries are found through CMAKE_PREFIX_PATH.
-CMAKE_OPTIONS:=-DCMAKE_PREFIX_PATH=$(GWCONF_STUB_STAGING)
+# Stand-in for cmake.mk: a Release build with the target's compiler flags (those of a hardened image, kept in the
+# project's cmake/OpenWrtSdkFlags.cmake), the staged libraries found through CMAKE_PREFIX_PATH.
+CMAKE_OPTIONS:=-DCMAKE_PREFIX_PATH=$(GWCONF_STUB_STAGING) -C $(GWCONF_STUB_FLAGS)
