@@ -12,10 +12,13 @@ extern "C" {
 
 #include "gwconf.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/uci_session.h"
 #include "uciconfig.h"
 #include "upnp.h"
 
 namespace {
+
+using routeutils::UciSession;
 
 constexpr const char *kUpnpdType = "upnpd";
 constexpr const char *kDmzType = "dmz";
@@ -35,10 +38,11 @@ struct ubus_object_type s_rtUpnpType = UBUS_OBJECT_TYPE("RTUpnp", s_rtUpnpMethod
 int NatForward_getUpnpEnabled(uint32_t *value)
 {
     *value = 0;
-    UciFirstSection s;
-    if (s.open(__func__, UCI_UPNPD_FILE, kUpnpdType) != 0 || s.sec == nullptr)
+    UciSession s;
+    uci_section *sec = s.open(__func__, UCI_UPNPD_FILE) == 0 ? s.firstSection(kUpnpdType) : nullptr;
+    if (sec == nullptr)
         return -1;
-    if (uciGetUint32(s.ctx, s.sec, "_init", value) != 0) {
+    if (uciGetUint32(s.ctx(), sec, "_init", value) != 0) {
         log_error("[%s:%d]error setEnabled( enabled=%d)", __func__, __LINE__, static_cast<int>(*value));
         return -1;
     }
@@ -50,15 +54,16 @@ int NatForward_getDmzEnabled(uint32_t *enabled, char (&destIp)[16])
 {
     *enabled = 0;
     memset(destIp, 0, sizeof destIp);
-    UciFirstSection s;
-    if (s.open(__func__, UCI_DMZ_FILE, kDmzType) != 0 || s.sec == nullptr)
+    UciSession s;
+    uci_section *sec = s.open(__func__, UCI_DMZ_FILE) == 0 ? s.firstSection(kDmzType) : nullptr;
+    if (sec == nullptr)
         return -1;
     int result = 0;
-    if (uciGetUint32(s.ctx, s.sec, "enabled", enabled) != 0) {
+    if (uciGetUint32(s.ctx(), sec, "enabled", enabled) != 0) {
         log_error("[%s:%d]error setEnabled( enabled=%d)", __func__, __LINE__, static_cast<int>(*enabled));
         result = -1;
     }
-    if (uciGetString(s.ctx, s.sec, "dest_ip", destIp, sizeof destIp) != 0) {
+    if (uciGetString(s.ctx(), sec, "dest_ip", destIp, sizeof destIp) != 0) {
         log_error("[%s:%d]error dmzip  ", __func__, __LINE__);
         result = -1;
     }
@@ -71,13 +76,14 @@ void NatForward_getUpnpEnable(int *enable, char (&leaseFile)[32])
 {
     *enable = 0;
     memset(leaseFile, 0, sizeof leaseFile);
-    UciFirstSection s;
-    if (s.open(__func__, UCI_UPNPD_FILE, kUpnpdType) != 0 || s.sec == nullptr)
+    UciSession s;
+    uci_section *sec = s.open(__func__, UCI_UPNPD_FILE) == 0 ? s.firstSection(kUpnpdType) : nullptr;
+    if (sec == nullptr)
         return;
-    uci_option *init = uci_lookup_option(s.ctx, s.sec, "_init");
+    uci_option *init = uci_lookup_option(s.ctx(), sec, "_init");
     if (init != nullptr && init->type == UCI_TYPE_STRING)
         *enable = static_cast<int>(upnpLeadingNumber(init->v.string, INT32_MAX));
-    if (uciGetString(s.ctx, s.sec, "upnp_lease_file", leaseFile, sizeof leaseFile) != 0)
+    if (uciGetString(s.ctx(), sec, "upnp_lease_file", leaseFile, sizeof leaseFile) != 0)
         log_info("[%s:%d]error getName(%s)", __func__, __LINE__, "upnp_lease_file");
 }
 
@@ -130,62 +136,6 @@ struct ubus_object rtUpnpObject = {
     .n_methods = sizeof s_rtUpnpMethods / sizeof s_rtUpnpMethods[0],
 };
 
-// ---- the shared configuration session ----
-
-UciFirstSection::UciFirstSection() : ctx(uci_alloc_context()) {}
-
-UciFirstSection::~UciFirstSection()
-{
-    if (ctx == nullptr)
-        return;
-    if (pkg != nullptr)
-        uci_unload(ctx, pkg);
-    uci_free_context(ctx);
-}
-
-int UciFirstSection::open(const char *fn, const char *package, const char *type)
-{
-    if (ctx == nullptr) {
-        log_error("[%s:%d]error uci_alloc_context", fn, __LINE__);
-        return -1;
-    }
-    if (uci_load(ctx, package, &pkg) != UCI_OK) {
-        pkg = nullptr;
-        log_error("[%s:%d]can't load %s", fn, __LINE__, package);
-        return -1;
-    }
-    if (pkg == nullptr) {
-        log_error("[%s:%d]can't load(%s)", fn, __LINE__, package);
-        return -1;
-    }
-    uci_element *e;
-    uci_foreach_element(&pkg->sections, e) {
-        uci_section *candidate = uci_to_section(e);
-        if (candidate->type != nullptr && strcmp(candidate->type, type) == 0) {
-            sec = candidate;
-            break;
-        }
-    }
-    return 0;
-}
-
-int UciFirstSection::commit()
-{
-    sec = nullptr;  // the package is reloaded by the commit
-    return uci_commit(ctx, &pkg, false);
-}
-
-int UciFirstSection::save()
-{
-    return pkg != nullptr ? uci_save(ctx, pkg) : UCI_ERR_INVAL;
-}
-
-int UciFirstSection::revert()
-{
-    sec = nullptr;
-    return pkg != nullptr ? uciRevertPackage(ctx, &pkg, nullptr) : -1;
-}
-
 // ---- the switch ----
 
 void NatForward_setFirewallInclude(void)
@@ -217,13 +167,15 @@ int NatForward_setUpnpEnabled(int value)
         log_error("[%s:%d]enabled is invalid", __func__, __LINE__);
         return -1;
     }
-    UciFirstSection s;
+    UciSession s;
     int result = -1;
-    if (s.open(__func__, UCI_UPNPD_FILE, kUpnpdType) == 0 && s.sec != nullptr) {
-        if (uciSetUint32(s.ctx, s.pkg, s.sec, "_init", static_cast<uint32_t>(value)) != 0) {
+    uci_section *sec = s.open(__func__, UCI_UPNPD_FILE) == 0 ? s.firstSection(kUpnpdType) : nullptr;
+    if (sec != nullptr) {
+        if (uciSetUint32(s.ctx(), s.pkg(), sec, "_init", static_cast<uint32_t>(value)) != 0) {
             log_error("[%s:%d]error setEnabled( enabled=%d)", __func__, __LINE__, value);
         } else {
-            // The switch is stored once it is set: a failed commit or save is only logged.
+            // The switch is stored once it is set: a failed commit or save is only logged, and the save is made
+            // after a failed commit too.
             if (s.commit() != UCI_OK)
                 log_error("[%s:%d]error uci_commit(enabled=%d)", __func__, __LINE__, value);
             if (s.save() != UCI_OK)

@@ -14,12 +14,15 @@ extern "C" {
 
 #include "gwconf.h"
 #include "routeutils/routeutils.h"
-#include "upnp.h"
+#include "routeutils/uci_session.h"
 #include "wanportmap.h"
 
 struct uloop_timeout wanPortMapTimer;
 
 namespace {
+
+using routeutils::UciSession;
+using routeutils::UciWriteResult;
 
 constexpr const char *kRedirectType = "redirect";
 constexpr const char *kSectionName = "wanPortMap";
@@ -48,40 +51,41 @@ void addressText(const in_addr &addr, char (&text)[INET_ADDRSTRLEN])
 // Writes the setting into the first redirect section (log name "setConfig"); 0 or -1.
 int setConfig(const WanPortMapConfig &config)
 {
-    UciFirstSection s;
-    if (s.ctx != nullptr)
+    UciSession s;
+    if (s)
         log_info("[%s:%d]addPortMap", __func__, __LINE__);
     int result = -1;
-    if (s.open(__func__, UCI_WANPORTMAP_FILE, kRedirectType) == 0) {
-        if (s.sec == nullptr && uci_add_section(s.ctx, s.pkg, kRedirectType, &s.sec) == UCI_OK && s.sec != nullptr) {
+    if (s.open(__func__, UCI_WANPORTMAP_FILE) == 0) {
+        uci_section *sec = s.firstSection(kRedirectType);
+        if (sec == nullptr && uci_add_section(s.ctx(), s.pkg(), kRedirectType, &sec) == UCI_OK && sec != nullptr) {
             uci_ptr ptr{};
-            ptr.p = s.pkg;
-            ptr.s = s.sec;
-            ptr.package = s.pkg->e.name;
-            ptr.section = s.sec->e.name;
+            ptr.p = s.pkg();
+            ptr.s = sec;
+            ptr.package = s.pkg()->e.name;
+            ptr.section = sec->e.name;
             ptr.value = kSectionName;
-            uci_rename(s.ctx, &ptr);
+            uci_rename(s.ctx(), &ptr);
         }
-        if (s.sec == nullptr) {
+        if (sec == nullptr) {
             log_error("[%s:%d]error set Enable", __func__, __LINE__);
         } else {
-            if (uciSetEnabled(s.ctx, s.pkg, s.sec, config.enabled) != 0)
+            if (uciSetEnabled(s.ctx(), s.pkg(), sec, config.enabled) != 0)
                 log_error("[%s:%d]error set Enable", __func__, __LINE__);
-            if (uciSetUint32(s.ctx, s.pkg, s.sec, "InPort", config.inPort) != 0)
+            if (uciSetUint32(s.ctx(), s.pkg(), sec, "InPort", config.inPort) != 0)
                 log_error("[%s:%d]error set InPort", __func__, __LINE__);
-            if (uciSetUint32(s.ctx, s.pkg, s.sec, "ExPort", config.exPort) != 0)
+            if (uciSetUint32(s.ctx(), s.pkg(), sec, "ExPort", config.exPort) != 0)
                 log_error("[%s:%d]error set ExPort", __func__, __LINE__);
             char addr[INET_ADDRSTRLEN];
             addressText(config.remoteAddr, addr);
-            uciSetString(s.ctx, s.pkg, s.sec, "RemoteAddr", addr);
+            uciSetString(s.ctx(), s.pkg(), sec, "RemoteAddr", addr);
         }
-        if (s.commit() != UCI_OK) {
+        const UciWriteResult w = s.commitThenSave();
+        if (w.failed == UciWriteResult::Step::Commit)
             log_error("[%s:%d]error uci_commit", __func__, __LINE__);
-        } else if (s.save() != UCI_OK) {
+        else if (w.failed == UciWriteResult::Step::Save)
             log_error("[%s:%d]error uci_save", __func__, __LINE__);
-        } else {
+        else
             result = 0;
-        }
     }
     if (result != 0)
         s.revert();
@@ -121,23 +125,24 @@ struct ubus_object rtWanPortMapObject = {
 int getConfig(WanPortMapConfig *out)
 {
     memset(out, 0, sizeof *out);
-    UciFirstSection s;
-    if (s.open(__func__, UCI_WANPORTMAP_FILE, kRedirectType) != 0 || s.sec == nullptr)
+    UciSession s;
+    uci_section *sec = s.open(__func__, UCI_WANPORTMAP_FILE) == 0 ? s.firstSection(kRedirectType) : nullptr;
+    if (sec == nullptr)
         return -1;
-    if (uciGetEnabled(s.ctx, s.sec, &out->enabled) != 0) {
+    if (uciGetEnabled(s.ctx(), sec, &out->enabled) != 0) {
         out->enabled = 0;
         log_error("[%s:%d]read Enabled error", __func__, __LINE__);
     }
-    if (uciGetUint32(s.ctx, s.sec, "InPort", &out->inPort) != 0) {
+    if (uciGetUint32(s.ctx(), sec, "InPort", &out->inPort) != 0) {
         out->inPort = 0;
         log_error("[%s:%d]read InPort error", __func__, __LINE__);
     }
-    if (uciGetUint32(s.ctx, s.sec, "ExPort", &out->exPort) != 0) {
+    if (uciGetUint32(s.ctx(), sec, "ExPort", &out->exPort) != 0) {
         out->exPort = 0;
         log_error("[%s:%d]read ExPort error", __func__, __LINE__);
     }
     char addr[32] = {0};
-    if (uciGetString(s.ctx, s.sec, "RemoteAddr", addr, sizeof addr) == 0 &&
+    if (uciGetString(s.ctx(), sec, "RemoteAddr", addr, sizeof addr) == 0 &&
         inet_pton(AF_INET, addr, &out->remoteAddr) != 1) {
         out->remoteAddr.s_addr = 0;
         log_error("[%s:%d]read RemoteAddr error", __func__, __LINE__);
