@@ -47,10 +47,8 @@ int upnpReadLeases(FILE *f, void (*visit)(const UpnpLeaseEntry *entry, void *arg
 
 // ---- RTUpnp and the restore ----
 
-int NatForward_setUpnpStatus(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                             const char *method, struct blob_attr *msg);
-int NatForward_getUpnpStatus(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                             const char *method, struct blob_attr *msg);
+int NatForward_setUpnpStatus(struct blob_attr *msg);
+int NatForward_getUpnpStatus(struct blob_attr *msg);
 // Stores the switch (0 or 1) in option _init of the first upnpd section; 0 or -1.
 int NatForward_setUpnpEnabled(int value);
 // 1 switches the service on, 0 off; both rewrite the firewall include first. Other values do nothing.

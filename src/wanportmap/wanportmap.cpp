@@ -12,8 +12,10 @@ extern "C" {
 #include <libubox/uloop.h>
 }
 
+#include "busmethod.h"
 #include "gwconf.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/system.h"
 #include "routeutils/uci_session.h"
 #include "wanportmap.h"
 
@@ -35,8 +37,8 @@ const struct blobmsg_policy s_setWanPortMapPolicy[__E_SETWANPORTMAP_MAX] = {
 };
 
 const struct ubus_method s_rtWanPortMapMethods[] = {
-    UBUS_METHOD("setWanPortMap", ubus_setConfig, s_setWanPortMapPolicy),
-    UBUS_METHOD_NOARG("getWanPortMap", ubus_getConfig),
+    UBUS_METHOD("setWanPortMap", wanPortMapMethod<ubus_setConfig>, s_setWanPortMapPolicy),
+    UBUS_METHOD_NOARG("getWanPortMap", wanPortMapMethod<ubus_getConfig>),
 };
 
 struct ubus_object_type s_rtWanPortMapType = UBUS_OBJECT_TYPE("RTWanPortMap", s_rtWanPortMapMethods);
@@ -91,14 +93,6 @@ int setConfig(const WanPortMapConfig &config)
         s.revert();
     log_info("[%s:%d] ret [%d]  end ", __func__, __LINE__, result);
     return result;
-}
-
-void replyResult(ubus_context *ctx, ubus_request_data *req, bool ok)
-{
-    blob_buf_init(&s_bufWanPortMap, 0);
-    blobmsg_add_u8(&s_bufWanPortMap, "result", ok ? 1 : 0);
-    ubus_send_reply(ctx, req, s_bufWanPortMap.head);
-    blob_buf_free(&s_bufWanPortMap);
 }
 
 // The three chains the script fills and the built-in chains that jump to them.
@@ -168,7 +162,8 @@ void applyConfig(struct uloop_timeout *)
     if (getConfig(&config) != 0)
         return;
 
-    const int fd = open(WANPORTMAP_SCRIPT, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
+    const std::string path = routeutils::systemPath(WANPORTMAP_SCRIPT);
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
     if (fd < 0) {
         log_error("[%s:%d]open %s fail, errno : %s\n", __func__, __LINE__, WANPORTMAP_SCRIPT, strerror(errno));
         return;
@@ -182,8 +177,7 @@ void applyConfig(struct uloop_timeout *)
     LC_SystemCall("%s > /tmp/wanPortMap.log 2>&1 &", WANPORTMAP_SCRIPT);
 }
 
-int ubus_setConfig(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-                   struct blob_attr *msg)
+int ubus_setConfig(struct blob_attr *msg)
 {
     blob_attr *tb[__E_SETWANPORTMAP_MAX] = {};
     if (msg != nullptr)
@@ -226,19 +220,17 @@ int ubus_setConfig(struct ubus_context *ctx, struct ubus_object *, struct ubus_r
         uloop_timeout_set(&wanPortMapTimer, WANPORTMAP_CHANGE_DELAY_MS);
     }
     log_info("[%s:%d]ret=%d", __func__, __LINE__, result);
-    replyResult(ctx, req, result == 0);
+    blobmsg_add_u8(&s_bufWanPortMap, "result", result == 0 ? 1 : 0);
     return UBUS_STATUS_OK;
 }
 
-int ubus_getConfig(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-                   struct blob_attr *)
+int ubus_getConfig(struct blob_attr *)
 {
     WanPortMapConfig config;
     getConfig(&config);
     char addr[INET_ADDRSTRLEN];
     addressText(config.remoteAddr, addr);
 
-    blob_buf_init(&s_bufWanPortMap, 0);
     void *params = blobmsg_open_table(&s_bufWanPortMap, "params");
     blobmsg_add_u32(&s_bufWanPortMap, "Enabled", config.enabled);
     blobmsg_add_u32(&s_bufWanPortMap, "InPort", config.inPort);
@@ -246,7 +238,5 @@ int ubus_getConfig(struct ubus_context *ctx, struct ubus_object *, struct ubus_r
     blobmsg_add_string(&s_bufWanPortMap, "RemoteAddr", addr);
     blobmsg_close_table(&s_bufWanPortMap, params);
     blobmsg_add_u8(&s_bufWanPortMap, "result", 1);
-    ubus_send_reply(ctx, req, s_bufWanPortMap.head);
-    blob_buf_free(&s_bufWanPortMap);
     return UBUS_STATUS_OK;
 }

@@ -2,12 +2,20 @@
 #include "routeutils/uci_session.h"
 
 #include "routeutils/routeutils.h"
+#include "routeutils/system.h"
 
 #include <cstring>
 
 namespace routeutils {
 
-UciSession::UciSession() : ctx_(uci_alloc_context()) {}
+UciSession::UciSession() : ctx_(uci_alloc_context())
+{
+    // libuci's own folders (/etc/config, /tmp/.uci) unless a test moved the system root.
+    if (ctx_ != nullptr && !systemRootIsDefault()) {
+        uci_set_confdir(ctx_, systemPath(UCI_CONFDIR).c_str());
+        uci_set_savedir(ctx_, systemPath(UCI_SAVEDIR).c_str());
+    }
+}
 
 UciSession::~UciSession()
 {

@@ -1,7 +1,8 @@
 // The one owner of a libuci context and of the package loaded in it. Every configuration read and write of the
 // daemon and of the platform library goes through a UciSession: it allocates the context (the only place that
-// does), loads, finds, and makes edits permanent in one of the named orders below, and unloads and frees on every
-// way out. The daemon keeps no session between operations: each one lives for one read or one write.
+// does, with the configuration and save folders under the system root of system.h), loads, finds, and makes edits
+// permanent in one of the named orders below, and unloads and frees on every way out. The daemon keeps no session
+// between operations: each one lives for one read or one write.
 //
 // The write orders are not uniform, and each is a choice the caller makes by name:
 //   saveThenCommit()  the shared list and option writes, the MAC filter's rule removal, the integer setter;
