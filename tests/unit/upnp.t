@@ -102,3 +102,12 @@ DMZ is on; the WAN redirect apply 30 s later finds nothing stored and runs nothi
   run: iptables -t nat -I NatForward_DMZ -p all -j DNAT --to 192.168.1.100
   run: iptables -I NatForward_DMZ -p all -j ACCEPT
   timer: wanPortMapTimer after 30000 ms
+
+A stored DMZ address holding shell syntax stays one word, quoted as the router's journal quotes it.
+
+  $ gwcall --uci set dmz.dmz.dest_ip="$(printf '1.2.3.4;\tid')" && gwcall --uci commit dmz
+  $ gwcall --start | grep DNAT
+  run: iptables -t nat -I NatForward_DMZ -p all -j DNAT --to $'1.2.3.4;\tid'
+  $ gwcall --uci set dmz.dmz.dest_ip='$(id) x' && gwcall --uci commit dmz
+  $ gwcall --start | grep DNAT
+  run: iptables -t nat -I NatForward_DMZ -p all -j DNAT --to '$(id) x'
