@@ -1,5 +1,5 @@
 // What the daemon's modules share with its start-up code (src/main): the configuration package names, the bus
-// objects each module defines, the start-up steps, the timers, and the static reply buffers.
+// objects each module defines, the start-up steps and the timers. The reply buffers are in busmethod.h.
 #pragma once
 
 #include <libubus.h>
@@ -32,10 +32,3 @@ void applyConfig(struct uloop_timeout *timeout);            // src/wanportmap: c
 // Timers run by the main loop.
 extern struct uloop_timeout reloadNetworkTimer;             // src/iptv
 extern struct uloop_timeout wanPortMapTimer;                // src/wanportmap
-
-// Static reply buffers, one per group of objects; the daemon has one thread, so each serves one handler at a time.
-extern struct blob_buf s_bufMacIptv;    // RTMacFilter, zelmad.macfilter, RTIptv, firewall, zelmad.vlan
-extern struct blob_buf s_bufPortMap;    // RTPortMap
-extern struct blob_buf s_bufUpnp;       // RTUpnp
-extern struct blob_buf s_bufWanPortMap; // RTWanPortMap
-extern struct blob_buf s_bufRTSta;      // requests the daemon sends to RTSta

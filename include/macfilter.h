@@ -103,27 +103,21 @@ int setMacFilterHandler(int enable, int model);
 int getMacFilterListHandler(void);
 int addMacFilterListHandler(int model, MacFilterEntry *entry);
 int delMacFilterListHandler(int model, MacFilterEntry *entry);
-int getMacFilterList(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                     const char *method, struct blob_attr *msg);
-int setMacFilter(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                 const char *method, struct blob_attr *msg);
-int addMacFilterList(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                     const char *method, struct blob_attr *msg);
-int delMacFilterList(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                     const char *method, struct blob_attr *msg);
+// The methods' logic (busmethod.h): each builds its reply in s_bufMacIptv.
+int getMacFilterList(struct blob_attr *msg);
+int setMacFilter(struct blob_attr *msg);
+int addMacFilterList(struct blob_attr *msg);
+int delMacFilterList(struct blob_attr *msg);
 
 // --- zelmad.macfilter and RTSta ---------------------------------------------------------------------------------
 extern char s_staListDevName[STA_NAME_LEN + 1]; // the name RTSta gave; empty between uses
 void zelmadGetMacFilterListHandler(void);
-int zelmad_handle_get_macfilter(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                                const char *method, struct blob_attr *msg);
-int zelmad_handle_set_macfilter(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                                const char *method, struct blob_attr *msg);
+int zelmad_handle_get_macfilter(struct blob_attr *msg);
+int zelmad_handle_set_macfilter(struct blob_attr *msg);
 int setStaNameToStaList(const char *mac, const char *name);
 int getStaNameFromStaList(const char *mac);
 void ubusGetStaNameFromStaListHandler(struct ubus_request *req, int type, struct blob_attr *msg);
 
 // --- firewall (device block) ------------------------------------------------------------------------------------
 int setForbiddNetHandler(int enable, const char *mac);
-int setForbiddNet(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                  const char *method, struct blob_attr *msg);
+int setForbiddNet(struct blob_attr *msg);

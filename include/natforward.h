@@ -157,11 +157,7 @@ int NATFORWARD_delGroupMap(const GroupMapConfig *records, int n);
 int NATFORWARD_portMapCheck(const PortMapConfig *rec);
 int NATFORWARD_groupMapCheck(const GroupMapConfig *rec);
 
-int NATFORWARD_modPortMapping(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                              const char *method, struct blob_attr *msg);
-int NATFORWARD_getPortMapping(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                              const char *method, struct blob_attr *msg);
-int NATFORWARD_modGroupMapping(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                               const char *method, struct blob_attr *msg);
-int NATFORWARD_getGroupMapping(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                               const char *method, struct blob_attr *msg);
+int NATFORWARD_modPortMapping(struct blob_attr *msg);
+int NATFORWARD_getPortMapping(struct blob_attr *msg);
+int NATFORWARD_modGroupMapping(struct blob_attr *msg);
+int NATFORWARD_getGroupMapping(struct blob_attr *msg);

@@ -1,6 +1,5 @@
 // The UPnP switch (object RTUpnp: the miniupnpd service and its lease list) and the start-up restore of the UPnP
-// service and the DMZ rule. Also the small configuration session that this module and the WAN port redirect share
-// to read and write the first section of a type in one package.
+// service and the DMZ rule.
 #pragma once
 
 #include <stddef.h>
@@ -8,7 +7,6 @@
 #include <stdio.h>
 
 #include <libubus.h>
-#include <uci.h>
 
 // Argument policy of setUpnpStatus.
 enum {
@@ -49,39 +47,11 @@ int upnpReadLeases(FILE *f, void (*visit)(const UpnpLeaseEntry *entry, void *arg
 
 // ---- RTUpnp and the restore ----
 
-int NatForward_setUpnpStatus(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                             const char *method, struct blob_attr *msg);
-int NatForward_getUpnpStatus(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                             const char *method, struct blob_attr *msg);
+int NatForward_setUpnpStatus(struct blob_attr *msg);
+int NatForward_getUpnpStatus(struct blob_attr *msg);
 // Stores the switch (0 or 1) in option _init of the first upnpd section; 0 or -1.
 int NatForward_setUpnpEnabled(int value);
 // 1 switches the service on, 0 off; both rewrite the firewall include first. Other values do nothing.
 void NatForward_applyUpnp(int value);
 // Writes the firewall include "dmzupnpdomain" with the uci tool and reloads the firewall.
 void NatForward_setFirewallInclude(void);
-
-// ---- Shared configuration session ----
-
-// A libuci context with one package loaded and the first section of one type found in it (whatever its name).
-// Unloads and frees on every return path. Failures are logged with the caller's log name:
-// "[%s:%d]error uci_alloc_context", "[%s:%d]can't load %s", "[%s:%d]can't load(%s)".
-class UciFirstSection {
-public:
-    UciFirstSection();
-    ~UciFirstSection();
-    UciFirstSection(const UciFirstSection &) = delete;
-    UciFirstSection &operator=(const UciFirstSection &) = delete;
-
-    // 0 when the package is loaded (sec may still be null: no section of that type), -1 otherwise.
-    int open(const char *fn, const char *package, const char *type);
-    // Commits the package (no overwrite); the package object is replaced by the reloaded one. libuci's result.
-    int commit();
-    // Saves the package's changes. libuci's result.
-    int save();
-    // Discards the package's uncommitted changes (the package is reloaded). 0 or -1.
-    int revert();
-
-    uci_context *ctx = nullptr;
-    uci_package *pkg = nullptr;
-    uci_section *sec = nullptr;
-};

@@ -41,7 +41,5 @@ std::string wanPortMapScript(const WanPortMapConfig &config, int pid);
 // nat, INPUT of filter); where the platform has set them up already this only checks.
 void wanPortMapEnsureChains(void);
 
-int ubus_setConfig(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                   const char *method, struct blob_attr *msg);
-int ubus_getConfig(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                   const char *method, struct blob_attr *msg);
+int ubus_setConfig(struct blob_attr *msg);
+int ubus_getConfig(struct blob_attr *msg);

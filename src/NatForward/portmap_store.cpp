@@ -11,35 +11,15 @@
 #include "gwconf.h"
 #include "natforward.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/uci_session.h"
 #include "uciconfig.h"
 
 namespace {
 
+using routeutils::UciSession;
+using routeutils::UciWriteResult;
+
 constexpr const char *kRedirect = "redirect";
-
-// A libuci context with package firewall loaded in it; unloads and frees on every return path.
-class FirewallSession {
-public:
-    FirewallSession() : ctx(uci_alloc_context()) {}
-    ~FirewallSession()
-    {
-        if (ctx == nullptr)
-            return;
-        if (pkg != nullptr)
-            uci_unload(ctx, pkg);
-        uci_free_context(ctx);
-    }
-    FirewallSession(const FirewallSession &) = delete;
-    FirewallSession &operator=(const FirewallSession &) = delete;
-
-    int load() { return uci_load(ctx, UCI_FIREWALL_FILE, &pkg); }
-    // After a failed commit the package pointer may no longer be the loaded one; freeing the context releases
-    // whatever is still loaded.
-    void forgetPackage() { pkg = nullptr; }
-
-    uci_context *ctx;
-    uci_package *pkg = nullptr;
-};
 
 struct FreeDeleter {
     void operator()(void *p) const { free(p); }
@@ -223,24 +203,18 @@ int writeSections(uci_context *ctx, uci_package *pkg, const Rec *records, int n,
 template <class Rec> int addMaps(Rec *records, int n, const char *fn)
 {
     using Kind = MapKind<Rec>;
-    FirewallSession s;
+    UciSession s;
     if constexpr (Kind::group)
         log_info("[%s:%d]\n addGroupMap  size [%d]\n", fn, __LINE__, n);
     else
         log_info("[%s:%d] addPortMap  size [%d] ", fn, __LINE__, n);
-    if (s.ctx == nullptr) {
-        log_error("[%s:%d]error uci_alloc_context", fn, __LINE__);
+    if (!s.ready(fn))
         return -1;
-    }
 
     int ret = -1;
-    if (s.load() != UCI_OK) {
-        log_error("[%s:%d]can't load %s", fn, __LINE__, UCI_FIREWALL_FILE);
-    } else if (s.pkg == nullptr) {
-        log_error("[%s:%d]can't load(%s)", fn, __LINE__, UCI_FIREWALL_FILE);
-    } else {
+    if (s.open(fn, UCI_FIREWALL_FILE) == 0) {
         int count = 0;
-        const uint32_t maxId = NATFORWARD_getMaxIdAndCountBySection(s.ctx, s.pkg, Kind::idOption, &count);
+        const uint32_t maxId = NATFORWARD_getMaxIdAndCountBySection(s.ctx(), s.pkg(), Kind::idOption, &count);
         if (n < 0 || count + n > NATFORWARD_MAX_MAPS) {
             if constexpr (Kind::group)
                 log_error("[%s:%d]addGroupMap  more  than  max", fn, __LINE__);
@@ -253,8 +227,8 @@ template <class Rec> int addMaps(Rec *records, int n, const char *fn)
                 log_info("[%s:%d] maxId [%d]  count[%d] ", fn, __LINE__, static_cast<int>(maxId), count);
             if (n > 0)
                 Kind::setId(records[0], maxId + 1);
-            if (Kind::writeList(s.ctx, s.pkg, records, n, "wan") != 0 ||
-                Kind::writeList(s.ctx, s.pkg, records, n, "lan") != 0) {
+            if (Kind::writeList(s.ctx(), s.pkg(), records, n, "wan") != 0 ||
+                Kind::writeList(s.ctx(), s.pkg(), records, n, "lan") != 0) {
                 if constexpr (Kind::group)
                     log_error("[%s:%d]error addGroupMapList", fn, __LINE__);
                 else
@@ -263,10 +237,11 @@ template <class Rec> int addMaps(Rec *records, int n, const char *fn)
                 // Once the sections are written the add counts as done; a failed commit or save only skips the
                 // reload.
                 ret = 0;
-                if (uci_commit(s.ctx, &s.pkg, false) != UCI_OK) {
+                const UciWriteResult w = s.commitThenSave();
+                if (w.failed == UciWriteResult::Step::Commit) {
                     log_error("[%s:%d]error uci_commit", fn, __LINE__);
                     s.forgetPackage();
-                } else if (uci_save(s.ctx, s.pkg) != UCI_OK) {
+                } else if (w.failed == UciWriteResult::Step::Save) {
                     log_error("[%s:%d]error uci_save", fn, __LINE__);
                 } else {
                     NATFORWARD_firewallReload();
@@ -275,7 +250,7 @@ template <class Rec> int addMaps(Rec *records, int n, const char *fn)
         }
     }
     if (ret != 0)
-        uciRevertPackage(s.ctx, &s.pkg, nullptr);
+        s.revert();
     if constexpr (!Kind::group)
         log_info("[%s:%d] ret [%d]  NATFORWARD_addPortMap end ", fn, __LINE__, ret);
     return ret;
@@ -286,12 +261,10 @@ template <class Rec> int addMaps(Rec *records, int n, const char *fn)
 template <class Rec> void collectList(Rec *records, int *count, const char *fn)
 {
     using Kind = MapKind<Rec>;
-    FirewallSession s;
-    if (s.ctx == nullptr) {
-        log_error("[%s:%d]error uci_alloc_context", fn, __LINE__);
+    UciSession s;
+    if (!s.ready(fn))
         return;
-    }
-    if (s.load() != UCI_OK || s.pkg == nullptr) {
+    if (s.load(UCI_FIREWALL_FILE) != UCI_OK || s.pkg() == nullptr) {
         log_error("[%s:%d]can't load(%s)", fn, __LINE__, UCI_FIREWALL_FILE);
         return;
     }
@@ -299,17 +272,17 @@ template <class Rec> void collectList(Rec *records, int *count, const char *fn)
     RecordChain<Rec> chain;
     int n = 0;
     uci_element *e;
-    uci_foreach_element(&s.pkg->sections, e) {
+    uci_foreach_element(&s.pkg()->sections, e) {
         uci_section *sec = uci_to_section(e);
         uint32_t id = 0;
-        if (!isRedirect(sec) || uciGetUint32(s.ctx, sec, Kind::idOption, &id) != 0 || !srcIsWan(s.ctx, sec))
+        if (!isRedirect(sec) || uciGetUint32(s.ctx(), sec, Kind::idOption, &id) != 0 || !srcIsWan(s.ctx(), sec))
             continue;
         if (n == NATFORWARD_MAX_MAPS) {
             log_error("[%s:%d]more than %d mappings stored, the rest is not listed", fn, __LINE__,
                       NATFORWARD_MAX_MAPS);
             break;
         }
-        Rec *rec = Kind::load(s.ctx, s.pkg, sec);
+        Rec *rec = Kind::load(s.ctx(), s.pkg(), sec);
         if (rec == nullptr)
             break;
         chain.append(rec);
@@ -328,34 +301,25 @@ template <class Rec> void collectList(Rec *records, int *count, const char *fn)
 template <class Rec> int deleteMaps(const Rec *records, int n, const char *fn)
 {
     using Kind = MapKind<Rec>;
-    FirewallSession s;
-    if (s.ctx == nullptr) {
-        log_error("[%s:%d]error uci_alloc_context", fn, __LINE__);
+    UciSession s;
+    if (!s.ready(fn))
         return -1;
-    }
-    const int rc = s.load();
-    if (rc != UCI_OK || s.pkg == nullptr) {
-        if (rc != UCI_OK)
-            log_error("[%s:%d]can't load %s", fn, __LINE__, UCI_FIREWALL_FILE);
-        else
-            log_error("[%s:%d]can't load(%s)", fn, __LINE__, UCI_FIREWALL_FILE);
-        uciRevertPackage(s.ctx, &s.pkg, nullptr);
+    if (s.open(fn, UCI_FIREWALL_FILE) != 0)
         return 0;
-    }
     if (records == nullptr)
         n = 0;
 
     int deleted = 0;
     uint32_t lastId = 0;
     uci_element *e, *tmp;
-    uci_foreach_element_safe(&s.pkg->sections, tmp, e) {
+    uci_foreach_element_safe(&s.pkg()->sections, tmp, e) {
         uci_section *sec = uci_to_section(e);
         if (!isRedirect(sec))
             continue;
         if constexpr (!Kind::group)
             log_error("[%s:%d]NAT_PORT_FORWARD_UCITYPE [%s] ", fn, __LINE__, kRedirect);
         uint32_t oid = 0;
-        if (uciGetUint32(s.ctx, sec, Kind::idOption, &oid) != 0)
+        if (uciGetUint32(s.ctx(), sec, Kind::idOption, &oid) != 0)
             continue;
         lastId = oid;
         if constexpr (!Kind::group)
@@ -370,26 +334,27 @@ template <class Rec> int deleteMaps(const Rec *records, int n, const char *fn)
         }
         if (!match)
             continue;
-        if (NATFORWARD_deleteSection(s.ctx, s.pkg, sec->e.name) != 0) {
+        if (NATFORWARD_deleteSection(s.ctx(), s.pkg(), sec->e.name) != 0) {
             if constexpr (Kind::group)
                 log_error("[%s:%d]error deleteGroupMapSection", fn, __LINE__);
             else
                 log_error("[%s:%d]error deletePortMapSection", fn, __LINE__);
             if (deleted == 0)
-                uciRevertPackage(s.ctx, &s.pkg, nullptr);
+                s.revert();
             return 0;
         }
         deleted++;
     }
 
     if (deleted == 0) {
-        uciRevertPackage(s.ctx, &s.pkg, nullptr);
+        s.revert();
         return 0;
     }
-    if (uci_commit(s.ctx, &s.pkg, false) != UCI_OK) {
+    const UciWriteResult w = s.commitThenSave();
+    if (w.failed == UciWriteResult::Step::Commit) {
         log_error("[%s:%d]error uci_commit(%u)", fn, __LINE__, lastId);
         s.forgetPackage();
-    } else if (uci_save(s.ctx, s.pkg) != UCI_OK) {
+    } else if (w.failed == UciWriteResult::Step::Save) {
         log_error("[%s:%d]error uci_save(%u)", fn, __LINE__, lastId);
     } else {
         NATFORWARD_firewallReload();

@@ -1,5 +1,5 @@
-// The bus object RTPortMap: list, add and delete port mappings and group mappings. Every method replies in
-// s_bufPortMap and returns status 0; the outcome is in "result", with "error" { "code" } after a failed add check.
+// The bus object RTPortMap: list, add and delete port mappings and group mappings. Every method builds its reply
+// in s_bufPortMap and returns status 0; the outcome is in "result", with "error" { "code" } after a failed add check.
 #include <stdio.h>
 
 #include <type_traits>
@@ -8,6 +8,7 @@ extern "C" {
 #include <libubox/blobmsg.h>
 }
 
+#include "busmethod.h"
 #include "gwconf.h"
 #include "natforward.h"
 #include "routeutils/routeutils.h"
@@ -40,10 +41,10 @@ const struct blobmsg_policy s_groupMapEntryPolicy[__E_MODGROUPMAPPING_ENTRY_MAX]
 };
 
 const struct ubus_method s_rtPortMapMethods[] = {
-    UBUS_METHOD("modPortMapping", NATFORWARD_modPortMapping, s_modPortMappingPolicy),
-    UBUS_METHOD_NOARG("getPortMapping", NATFORWARD_getPortMapping),
-    UBUS_METHOD("modGroupMapping", NATFORWARD_modGroupMapping, s_modGroupMappingPolicy),
-    UBUS_METHOD_NOARG("getGroupMapping", NATFORWARD_getGroupMapping),
+    UBUS_METHOD("modPortMapping", portMapMethod<NATFORWARD_modPortMapping>, s_modPortMappingPolicy),
+    UBUS_METHOD_NOARG("getPortMapping", portMapMethod<NATFORWARD_getPortMapping>),
+    UBUS_METHOD("modGroupMapping", portMapMethod<NATFORWARD_modGroupMapping>, s_modGroupMappingPolicy),
+    UBUS_METHOD_NOARG("getGroupMapping", portMapMethod<NATFORWARD_getGroupMapping>),
 };
 
 struct ubus_object_type s_rtPortMapType = UBUS_OBJECT_TYPE("RTPortMap", s_rtPortMapMethods);
@@ -149,24 +150,21 @@ template <> struct MethodKind<GroupMapConfig> {
     }
 };
 
-// Sends "result", with "error" { "code" } when the result is a check code; result 0 is success, -1 a failure
+// The reply: "result", with "error" { "code" } when the result is a check code; result 0 is success, -1 a failure
 // without a code.
-void replyResult(ubus_context *ctx, ubus_request_data *req, int result)
+void addResult(int result)
 {
-    blob_buf_init(&s_bufPortMap, 0);
     blobmsg_add_u8(&s_bufPortMap, "result", result == 0 ? 1 : 0);
     if (result != 0 && result != -1) {
         void *error = blobmsg_open_table(&s_bufPortMap, "error");
         blobmsg_add_u32(&s_bufPortMap, "code", static_cast<uint32_t>(result));
         blobmsg_close_table(&s_bufPortMap, error);
     }
-    ubus_send_reply(ctx, req, s_bufPortMap.head);
-    blob_buf_free(&s_bufPortMap);
 }
 
 // Operation 1 adds the MapList entries when every one of them passes its check against the stored mappings;
 // operation 0 deletes by ID; any other operation changes nothing. A MapList of more than 32 entries is refused.
-template <class Rec> int modMappings(ubus_context *ctx, ubus_request_data *req, blob_attr *msg, const char *fn)
+template <class Rec> int modMappings(blob_attr *msg, const char *fn)
 {
     using Kind = MethodKind<Rec>;
     blob_attr *tb[Kind::nPolicy] = {};
@@ -232,19 +230,18 @@ template <class Rec> int modMappings(ubus_context *ctx, ubus_request_data *req, 
         log_info("[%s:%d]\n modGroupMapping  end \n", fn, __LINE__);
     else
         log_info("[%s:%d]\n modPortMapping  end \n", fn, __LINE__);
-    replyResult(ctx, req, result);
+    addResult(result);
     return UBUS_STATUS_OK;
 }
 
 // "params" { "List": [ newest first ] } when anything is stored, then "result" true.
-template <class Rec> int getMappings(ubus_context *ctx, ubus_request_data *req, const char *fn)
+template <class Rec> int getMappings(const char *fn)
 {
     using Kind = MethodKind<Rec>;
     if constexpr (Kind::group)
         log_info("[%s:%d]getGroupMapping", fn, __LINE__);
     else
         puts("\n getPortMapping ");
-    blob_buf_init(&s_bufPortMap, 0);
 
     Rec records[NATFORWARD_MAX_MAPS] = {};
     int count = 0;
@@ -264,8 +261,6 @@ template <class Rec> int getMappings(ubus_context *ctx, ubus_request_data *req, 
         blobmsg_close_table(&s_bufPortMap, params);
     }
     blobmsg_add_u8(&s_bufPortMap, "result", 1);
-    ubus_send_reply(ctx, req, s_bufPortMap.head);
-    blob_buf_free(&s_bufPortMap);
     return UBUS_STATUS_OK;
 }
 
@@ -312,26 +307,22 @@ int NATFORWARD_groupMapCheck(const GroupMapConfig *rec)
     return natforwardGroupMapClash(rec, nullptr, 0, groups, nGroups);
 }
 
-int NATFORWARD_modPortMapping(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-                              const char *, struct blob_attr *msg)
+int NATFORWARD_modPortMapping(struct blob_attr *msg)
 {
-    return modMappings<PortMapConfig>(ctx, req, msg, __func__);
+    return modMappings<PortMapConfig>(msg, __func__);
 }
 
-int NATFORWARD_getPortMapping(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-                              const char *, struct blob_attr *)
+int NATFORWARD_getPortMapping(struct blob_attr *)
 {
-    return getMappings<PortMapConfig>(ctx, req, __func__);
+    return getMappings<PortMapConfig>(__func__);
 }
 
-int NATFORWARD_modGroupMapping(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-                               const char *, struct blob_attr *msg)
+int NATFORWARD_modGroupMapping(struct blob_attr *msg)
 {
-    return modMappings<GroupMapConfig>(ctx, req, msg, __func__);
+    return modMappings<GroupMapConfig>(msg, __func__);
 }
 
-int NATFORWARD_getGroupMapping(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-                               const char *, struct blob_attr *)
+int NATFORWARD_getGroupMapping(struct blob_attr *)
 {
-    return getMappings<GroupMapConfig>(ctx, req, __func__);
+    return getMappings<GroupMapConfig>(__func__);
 }

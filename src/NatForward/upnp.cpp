@@ -10,12 +10,17 @@ extern "C" {
 #include <libubox/blobmsg.h>
 }
 
+#include "busmethod.h"
 #include "gwconf.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/system.h"
+#include "routeutils/uci_session.h"
 #include "uciconfig.h"
 #include "upnp.h"
 
 namespace {
+
+using routeutils::UciSession;
 
 constexpr const char *kUpnpdType = "upnpd";
 constexpr const char *kDmzType = "dmz";
@@ -25,8 +30,8 @@ const struct blobmsg_policy s_setUpnpStatusPolicy[__E_SETUPNPSTATUS_MAX] = {
 };
 
 const struct ubus_method s_rtUpnpMethods[] = {
-    UBUS_METHOD("setUpnpStatus", NatForward_setUpnpStatus, s_setUpnpStatusPolicy),
-    UBUS_METHOD_NOARG("getUpnpStatus", NatForward_getUpnpStatus),
+    UBUS_METHOD("setUpnpStatus", upnpMethod<NatForward_setUpnpStatus>, s_setUpnpStatusPolicy),
+    UBUS_METHOD_NOARG("getUpnpStatus", upnpMethod<NatForward_getUpnpStatus>),
 };
 
 struct ubus_object_type s_rtUpnpType = UBUS_OBJECT_TYPE("RTUpnp", s_rtUpnpMethods);
@@ -35,10 +40,11 @@ struct ubus_object_type s_rtUpnpType = UBUS_OBJECT_TYPE("RTUpnp", s_rtUpnpMethod
 int NatForward_getUpnpEnabled(uint32_t *value)
 {
     *value = 0;
-    UciFirstSection s;
-    if (s.open(__func__, UCI_UPNPD_FILE, kUpnpdType) != 0 || s.sec == nullptr)
+    UciSession s;
+    uci_section *sec = s.open(__func__, UCI_UPNPD_FILE) == 0 ? s.firstSection(kUpnpdType) : nullptr;
+    if (sec == nullptr)
         return -1;
-    if (uciGetUint32(s.ctx, s.sec, "_init", value) != 0) {
+    if (uciGetUint32(s.ctx(), sec, "_init", value) != 0) {
         log_error("[%s:%d]error setEnabled( enabled=%d)", __func__, __LINE__, static_cast<int>(*value));
         return -1;
     }
@@ -50,15 +56,16 @@ int NatForward_getDmzEnabled(uint32_t *enabled, char (&destIp)[16])
 {
     *enabled = 0;
     memset(destIp, 0, sizeof destIp);
-    UciFirstSection s;
-    if (s.open(__func__, UCI_DMZ_FILE, kDmzType) != 0 || s.sec == nullptr)
+    UciSession s;
+    uci_section *sec = s.open(__func__, UCI_DMZ_FILE) == 0 ? s.firstSection(kDmzType) : nullptr;
+    if (sec == nullptr)
         return -1;
     int result = 0;
-    if (uciGetUint32(s.ctx, s.sec, "enabled", enabled) != 0) {
+    if (uciGetUint32(s.ctx(), sec, "enabled", enabled) != 0) {
         log_error("[%s:%d]error setEnabled( enabled=%d)", __func__, __LINE__, static_cast<int>(*enabled));
         result = -1;
     }
-    if (uciGetString(s.ctx, s.sec, "dest_ip", destIp, sizeof destIp) != 0) {
+    if (uciGetString(s.ctx(), sec, "dest_ip", destIp, sizeof destIp) != 0) {
         log_error("[%s:%d]error dmzip  ", __func__, __LINE__);
         result = -1;
     }
@@ -71,13 +78,14 @@ void NatForward_getUpnpEnable(int *enable, char (&leaseFile)[32])
 {
     *enable = 0;
     memset(leaseFile, 0, sizeof leaseFile);
-    UciFirstSection s;
-    if (s.open(__func__, UCI_UPNPD_FILE, kUpnpdType) != 0 || s.sec == nullptr)
+    UciSession s;
+    uci_section *sec = s.open(__func__, UCI_UPNPD_FILE) == 0 ? s.firstSection(kUpnpdType) : nullptr;
+    if (sec == nullptr)
         return;
-    uci_option *init = uci_lookup_option(s.ctx, s.sec, "_init");
+    uci_option *init = uci_lookup_option(s.ctx(), sec, "_init");
     if (init != nullptr && init->type == UCI_TYPE_STRING)
         *enable = static_cast<int>(upnpLeadingNumber(init->v.string, INT32_MAX));
-    if (uciGetString(s.ctx, s.sec, "upnp_lease_file", leaseFile, sizeof leaseFile) != 0)
+    if (uciGetString(s.ctx(), sec, "upnp_lease_file", leaseFile, sizeof leaseFile) != 0)
         log_info("[%s:%d]error getName(%s)", __func__, __LINE__, "upnp_lease_file");
 }
 
@@ -87,7 +95,7 @@ FILE *openLeaseFile(const char *path)
 {
     if (path[0] == '\0')
         return nullptr;
-    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int fd = open(routeutils::systemPath(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return nullptr;
     struct stat st;
@@ -113,14 +121,6 @@ void addLease(const UpnpLeaseEntry *e, void *arg)
     blobmsg_close_table(b, entry);
 }
 
-void replyResult(ubus_context *ctx, ubus_request_data *req, bool ok)
-{
-    blob_buf_init(&s_bufUpnp, 0);
-    blobmsg_add_u8(&s_bufUpnp, "result", ok ? 1 : 0);
-    ubus_send_reply(ctx, req, s_bufUpnp.head);
-    blob_buf_free(&s_bufUpnp);
-}
-
 }  // namespace
 
 struct ubus_object rtUpnpObject = {
@@ -129,62 +129,6 @@ struct ubus_object rtUpnpObject = {
     .methods = s_rtUpnpMethods,
     .n_methods = sizeof s_rtUpnpMethods / sizeof s_rtUpnpMethods[0],
 };
-
-// ---- the shared configuration session ----
-
-UciFirstSection::UciFirstSection() : ctx(uci_alloc_context()) {}
-
-UciFirstSection::~UciFirstSection()
-{
-    if (ctx == nullptr)
-        return;
-    if (pkg != nullptr)
-        uci_unload(ctx, pkg);
-    uci_free_context(ctx);
-}
-
-int UciFirstSection::open(const char *fn, const char *package, const char *type)
-{
-    if (ctx == nullptr) {
-        log_error("[%s:%d]error uci_alloc_context", fn, __LINE__);
-        return -1;
-    }
-    if (uci_load(ctx, package, &pkg) != UCI_OK) {
-        pkg = nullptr;
-        log_error("[%s:%d]can't load %s", fn, __LINE__, package);
-        return -1;
-    }
-    if (pkg == nullptr) {
-        log_error("[%s:%d]can't load(%s)", fn, __LINE__, package);
-        return -1;
-    }
-    uci_element *e;
-    uci_foreach_element(&pkg->sections, e) {
-        uci_section *candidate = uci_to_section(e);
-        if (candidate->type != nullptr && strcmp(candidate->type, type) == 0) {
-            sec = candidate;
-            break;
-        }
-    }
-    return 0;
-}
-
-int UciFirstSection::commit()
-{
-    sec = nullptr;  // the package is reloaded by the commit
-    return uci_commit(ctx, &pkg, false);
-}
-
-int UciFirstSection::save()
-{
-    return pkg != nullptr ? uci_save(ctx, pkg) : UCI_ERR_INVAL;
-}
-
-int UciFirstSection::revert()
-{
-    sec = nullptr;
-    return pkg != nullptr ? uciRevertPackage(ctx, &pkg, nullptr) : -1;
-}
 
 // ---- the switch ----
 
@@ -217,13 +161,15 @@ int NatForward_setUpnpEnabled(int value)
         log_error("[%s:%d]enabled is invalid", __func__, __LINE__);
         return -1;
     }
-    UciFirstSection s;
+    UciSession s;
     int result = -1;
-    if (s.open(__func__, UCI_UPNPD_FILE, kUpnpdType) == 0 && s.sec != nullptr) {
-        if (uciSetUint32(s.ctx, s.pkg, s.sec, "_init", static_cast<uint32_t>(value)) != 0) {
+    uci_section *sec = s.open(__func__, UCI_UPNPD_FILE) == 0 ? s.firstSection(kUpnpdType) : nullptr;
+    if (sec != nullptr) {
+        if (uciSetUint32(s.ctx(), s.pkg(), sec, "_init", static_cast<uint32_t>(value)) != 0) {
             log_error("[%s:%d]error setEnabled( enabled=%d)", __func__, __LINE__, value);
         } else {
-            // The switch is stored once it is set: a failed commit or save is only logged.
+            // The switch is stored once it is set: a failed commit or save is only logged, and the save is made
+            // after a failed commit too.
             if (s.commit() != UCI_OK)
                 log_error("[%s:%d]error uci_commit(enabled=%d)", __func__, __LINE__, value);
             if (s.save() != UCI_OK)
@@ -236,8 +182,7 @@ int NatForward_setUpnpEnabled(int value)
     return result;
 }
 
-int NatForward_setUpnpStatus(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-                             const char *, struct blob_attr *msg)
+int NatForward_setUpnpStatus(struct blob_attr *msg)
 {
     blob_attr *tb[__E_SETUPNPSTATUS_MAX] = {};
     if (msg != nullptr)
@@ -260,19 +205,17 @@ int NatForward_setUpnpStatus(struct ubus_context *ctx, struct ubus_object *, str
         log_info("[%s:%d]\n ret[%d] \n", __func__, __LINE__, result);
         NatForward_applyUpnp(value);
     }
-    replyResult(ctx, req, result == 0);
+    blobmsg_add_u8(&s_bufUpnp, "result", result == 0 ? 1 : 0);
     return UBUS_STATUS_OK;
 }
 
-int NatForward_getUpnpStatus(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-                             const char *, struct blob_attr *)
+int NatForward_getUpnpStatus(struct blob_attr *)
 {
     int enable = 0;
     char leaseFile[32];
     NatForward_getUpnpEnable(&enable, leaseFile);
     log_info("[%s:%d]\n enable [%d] filename [%s] \n", __func__, __LINE__, enable, leaseFile);
 
-    blob_buf_init(&s_bufUpnp, 0);
     void *params = blobmsg_open_table(&s_bufUpnp, "params");
     blobmsg_add_u32(&s_bufUpnp, "Enable", static_cast<uint32_t>(enable));
     void *list = blobmsg_open_array(&s_bufUpnp, "List");
@@ -283,8 +226,6 @@ int NatForward_getUpnpStatus(struct ubus_context *ctx, struct ubus_object *, str
     blobmsg_close_array(&s_bufUpnp, list);
     blobmsg_close_table(&s_bufUpnp, params);
     blobmsg_add_u8(&s_bufUpnp, "result", 1);
-    ubus_send_reply(ctx, req, s_bufUpnp.head);
-    blob_buf_free(&s_bufUpnp);
     return UBUS_STATUS_OK;
 }
 
@@ -292,7 +233,8 @@ int NatForward_getUpnpStatus(struct ubus_context *ctx, struct ubus_object *, str
 
 int NatForward_upnpRestore(struct ubus_context *ctx)
 {
-    ubus_add_object(ctx, &rtUpnpObject);
+    if (ctx != nullptr)  // a test runs the restore without a bus
+        ubus_add_object(ctx, &rtUpnpObject);
 
     // Both chains in the filter and the nat table; the platform's firewall include links them.
     iptables("-N NatForward_DMZ ");

@@ -1,5 +1,6 @@
 // The bus object zelmad.vlan: the IPTV setting in the management agent's shape, a switch, a VLAN id and a list of
 // entries binding IPTV to LAN ports and to the 2.4 GHz and 5 GHz radios.
+#include "busmethod.h"
 #include "gwconf.h"
 #include "iptv.h"
 #include "iptv_store.h"
@@ -12,10 +13,9 @@ extern "C" {
 
 #include <cstring>
 
-static int setIptvVlan(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                       const char *method, struct blob_attr *msg);
-static int getIptvVlan(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                       const char *method, struct blob_attr *msg);
+// The methods' logic (busmethod.h): each builds its reply in s_bufMacIptv.
+static int setIptvVlan(struct blob_attr *msg);
+static int getIptvVlan(struct blob_attr *msg);
 
 static const struct blobmsg_policy setIptvVlanPolicy[E_IPTV_VLAN_MAX] = {
     [E_IPTV_VLAN_ENABLE] = {.name = "vlanEnable", .type = BLOBMSG_TYPE_INT32},
@@ -36,8 +36,8 @@ static const struct blobmsg_policy iptvStatusPolicy[E_IPTV_STATUS_MAX] = {
 };
 
 static const struct ubus_method zelmadVlanMethods[] = {
-    UBUS_METHOD("setIptvVlan", setIptvVlan, setIptvVlanPolicy),
-    UBUS_METHOD_NOARG("getIptvVlan", getIptvVlan),
+    UBUS_METHOD("setIptvVlan", macIptvMethod<setIptvVlan>, setIptvVlanPolicy),
+    UBUS_METHOD_NOARG("getIptvVlan", macIptvMethod<getIptvVlan>),
 };
 
 static struct ubus_object_type zelmadVlanType = UBUS_OBJECT_TYPE("vlan", zelmadVlanMethods);
@@ -99,8 +99,7 @@ static IptvInfo readStoredSetting(void)
     return stored;
 }
 
-static int setIptvVlan(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-                       struct blob_attr *msg)
+static int setIptvVlan(struct blob_attr *msg)
 {
     struct blob_attr *tb[E_IPTV_VLAN_MAX];
     blobmsg_parse(setIptvVlanPolicy, E_IPTV_VLAN_MAX, tb, msg ? blob_data(msg) : nullptr, msg ? blob_len(msg) : 0);
@@ -177,10 +176,7 @@ static int setIptvVlan(struct ubus_context *ctx, struct ubus_object *, struct ub
     else
         result = true;
 
-    blob_buf_init(&s_bufMacIptv, 0);
     blobmsg_add_u8(&s_bufMacIptv, "result", result ? 1 : 0);
-    ubus_send_reply(ctx, req, s_bufMacIptv.head);
-    blob_buf_free(&s_bufMacIptv);
     return UBUS_STATUS_OK;
 }
 
@@ -192,10 +188,8 @@ static void addStatusEntry(const char *radio, int32_t index)
     blobmsg_close_table(&s_bufMacIptv, entry);
 }
 
-static int getIptvVlan(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-                       struct blob_attr *)
+static int getIptvVlan(struct blob_attr *)
 {
-    blob_buf_init(&s_bufMacIptv, 0);
     void *table = blobmsg_open_table(&s_bufMacIptv, "zelmad.vlan");
     char text[IPTV_OPT_SIZE];
 
@@ -222,7 +216,5 @@ static int getIptvVlan(struct ubus_context *ctx, struct ubus_object *, struct ub
     blobmsg_close_array(&s_bufMacIptv, status);
 
     blobmsg_close_table(&s_bufMacIptv, table);
-    ubus_send_reply(ctx, req, s_bufMacIptv.head);
-    blob_buf_free(&s_bufMacIptv);
     return UBUS_STATUS_OK;
 }

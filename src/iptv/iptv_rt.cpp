@@ -1,4 +1,5 @@
 // The bus object RTIptv: read the stored IPTV setting, change it, and a liveness test.
+#include "busmethod.h"
 #include "gwconf.h"
 #include "iptv.h"
 #include "iptv_store.h"
@@ -9,12 +10,10 @@ extern "C" {
 #include <libubox/blobmsg.h>
 }
 
-static int getIptvInfoHandler(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                              const char *method, struct blob_attr *msg);
-static int setIptv(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                   const char *method, struct blob_attr *msg);
-static int iptvTestHandler(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                           const char *method, struct blob_attr *msg);
+// The methods' logic (busmethod.h): each builds its reply in s_bufMacIptv.
+static int getIptvInfoHandler(struct blob_attr *msg);
+static int setIptv(struct blob_attr *msg);
+static int iptvTestHandler(struct blob_attr *msg);
 
 static const struct blobmsg_policy setIptvPolicy[E_IPTV_MAX] = {
     [E_IPTV_ENABLE] = {.name = "enable", .type = BLOBMSG_TYPE_INT32},
@@ -26,9 +25,9 @@ static const struct blobmsg_policy setIptvPolicy[E_IPTV_MAX] = {
 };
 
 static const struct ubus_method rtIptvMethods[] = {
-    UBUS_METHOD_NOARG("getIptvInfo", getIptvInfoHandler),
-    UBUS_METHOD("setIptv", setIptv, setIptvPolicy),
-    UBUS_METHOD_NOARG("test", iptvTestHandler),
+    UBUS_METHOD_NOARG("getIptvInfo", macIptvMethod<getIptvInfoHandler>),
+    UBUS_METHOD("setIptv", macIptvMethod<setIptv>, setIptvPolicy),
+    UBUS_METHOD_NOARG("test", macIptvMethod<iptvTestHandler>),
 };
 
 static struct ubus_object_type rtIptvType = UBUS_OBJECT_TYPE("RTIptv", rtIptvMethods);
@@ -40,17 +39,13 @@ struct ubus_object rtIptvObject = {
     .n_methods = ARRAY_SIZE(rtIptvMethods),
 };
 
-static void sendResult(struct ubus_context *ctx, struct ubus_request_data *req, bool result)
+static void addResult(bool result)
 {
     blobmsg_add_u8(&s_bufMacIptv, "result", result ? 1 : 0);
-    ubus_send_reply(ctx, req, s_bufMacIptv.head);
-    blob_buf_free(&s_bufMacIptv);
 }
 
-static int getIptvInfoHandler(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-                              const char *, struct blob_attr *)
+static int getIptvInfoHandler(struct blob_attr *)
 {
-    blob_buf_init(&s_bufMacIptv, 0);
     void *params = blobmsg_open_table(&s_bufMacIptv, "params");
     bool result = false;
     char text[IPTV_OPT_SIZE];
@@ -102,7 +97,7 @@ static int getIptvInfoHandler(struct ubus_context *ctx, struct ubus_object *, st
     } while (false);
 
     blobmsg_close_table(&s_bufMacIptv, params);
-    sendResult(ctx, req, result);
+    addResult(result);
     return UBUS_STATUS_OK;
 }
 
@@ -190,8 +185,7 @@ int setIptvHandler(IptvInfo setInfo)
     return 0;
 }
 
-static int setIptv(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-                   struct blob_attr *msg)
+static int setIptv(struct blob_attr *msg)
 {
     struct blob_attr *tb[E_IPTV_MAX];
     blobmsg_parse(setIptvPolicy, E_IPTV_MAX, tb, msg ? blob_data(msg) : nullptr, msg ? blob_len(msg) : 0);
@@ -238,15 +232,12 @@ static int setIptv(struct ubus_context *ctx, struct ubus_object *, struct ubus_r
     log_info("[%s:%d]setIptv type:%d", __func__, __LINE__, setInfo.type);
 
     bool ok = setIptvHandler(setInfo) == 0;
-    blob_buf_init(&s_bufMacIptv, 0);
-    sendResult(ctx, req, ok);
+    addResult(ok);
     return UBUS_STATUS_OK;
 }
 
-static int iptvTestHandler(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-                           const char *, struct blob_attr *)
+static int iptvTestHandler(struct blob_attr *)
 {
-    blob_buf_init(&s_bufMacIptv, 0);
-    sendResult(ctx, req, true);
+    addResult(true);
     return UBUS_STATUS_OK;
 }

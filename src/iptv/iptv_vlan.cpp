@@ -5,6 +5,7 @@
 #include "iptv_store.h"
 #include "uciconfig.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/uci_session.h"
 
 extern "C" {
 #include <libubox/uloop.h>
@@ -30,67 +31,17 @@ void iptvArmNetworkReload(void)
 
 namespace {
 
-// Owns the libuci context and the package "network" loaded in it for one apply or remove step; unloads and frees
-// on every way out.
-class NetworkEdit {
-public:
-    NetworkEdit() : ctx_(uci_alloc_context()) {}
-    ~NetworkEdit()
-    {
-        if (ctx_ != nullptr) {
-            if (pkg_ != nullptr)
-                uci_unload(ctx_, pkg_);
-            uci_free_context(ctx_);
-        }
-    }
-    NetworkEdit(const NetworkEdit &) = delete;
-    NetworkEdit &operator=(const NetworkEdit &) = delete;
-
-    uci_context *ctx() const { return ctx_; }
-    uci_package *pkg() const { return pkg_; }
-    uci_package **pkgSlot() { return &pkg_; }
-
-    // 0 when loaded; logs the two load failures.
-    int load(const char *caller)
-    {
-        int rc = uci_load(ctx_, UCI_NETWORK_FILE, &pkg_);
-        if (rc != UCI_OK) {
-            pkg_ = nullptr;
-            log_error("[%s:%d]can't load %s", caller, __LINE__, UCI_NETWORK_FILE);
-            return -1;
-        }
-        if (pkg_ == nullptr) {
-            log_error("[%s:%d]can't load(%s)", caller, __LINE__, UCI_NETWORK_FILE);
-            return -1;
-        }
-        return 0;
-    }
-
-    // Commit (no overwrite), then save; logs the failure.
-    int commitThenSave(const char *caller)
-    {
-        if (uci_commit(ctx_, &pkg_, false) != UCI_OK) {
-            log_error("[%s:%d]error uci_commit", caller, __LINE__);
-            return -1;
-        }
-        if (pkg_ == nullptr || uci_save(ctx_, pkg_) != UCI_OK) {
-            log_error("[%s:%d]error uci_save", caller, __LINE__);
-            return -1;
-        }
-        return 0;
-    }
-
-    // Discards what this step changed in memory or saved but did not commit.
-    void revert()
-    {
-        if (pkg_ != nullptr)
-            uciRevertPackage(ctx_, &pkg_, nullptr);
-    }
-
-private:
-    uci_context *ctx_;
-    uci_package *pkg_ = nullptr;
-};
+// Commit, then save, of an apply or remove step's edits of package network; logs the failure under the caller's
+// name.
+int commitThenSave(routeutils::UciSession &edit, const char *caller)
+{
+    const routeutils::UciWriteResult w = edit.commitThenSave();
+    if (w.failed == routeutils::UciWriteResult::Step::Commit)
+        log_error("[%s:%d]error uci_commit", caller, __LINE__);
+    else if (w.failed == routeutils::UciWriteResult::Step::Save)
+        log_error("[%s:%d]error uci_save", caller, __LINE__);
+    return w.ok() ? 0 : -1;
+}
 
 const int32_t *portFlag(const IptvInfo &info, int port)
 {
@@ -155,12 +106,10 @@ int addIptvVlan(IptvInfo info)
     if (plan.portMask == 0)
         return 0;
 
-    NetworkEdit edit;
-    if (edit.ctx() == nullptr) {
-        log_error("[%s:%d]error uci_alloc_context", __func__, __LINE__);
+    routeutils::UciSession edit;
+    if (!edit.ready(__func__))
         return -1;
-    }
-    bool ok = edit.load(__func__) == 0;
+    bool ok = edit.open(__func__, UCI_NETWORK_FILE) == 0;
     for (int i = 0; ok && i < plan.count; ++i) {
         char plain[IPTV_IFNAME_SIZE];
         getLanIfname(plan.ports[i], 0, 0, plain);
@@ -177,7 +126,7 @@ int addIptvVlan(IptvInfo info)
         log_error("[%s:%d]publicUciAddList UCI_NETWORK_FILE lan ifname %s error", __func__, __LINE__, plan.vlanDev);
         ok = false;
     }
-    if (ok && edit.commitThenSave(__func__) != 0)
+    if (ok && commitThenSave(edit, __func__) != 0)
         ok = false;
     if (!ok) {
         edit.revert();
@@ -201,12 +150,10 @@ int delIptvVlan(IptvInfo oldInfo, int newEnabled, int newVlanId)
         if (*portFlag(oldInfo, port) == 1)
             delDnsBrouteRules(port, oldInfo.type, oldInfo.vlanId);
 
-    NetworkEdit edit;
-    if (edit.ctx() == nullptr) {
-        log_error("[%s:%d]error uci_alloc_context", __func__, __LINE__);
+    routeutils::UciSession edit;
+    if (!edit.ready(__func__))
         return -1;
-    }
-    bool ok = edit.load(__func__) == 0;
+    bool ok = edit.open(__func__, UCI_NETWORK_FILE) == 0;
     if (ok && publicUciDelSection(edit.ctx(), edit.pkg(), UCI_NETWORK_FILE, "iptv") != 0) {
         log_error("[%s:%d]publicUciDelSection network.iptv error", __func__, __LINE__);
         ok = false;
@@ -226,7 +173,7 @@ int delIptvVlan(IptvInfo oldInfo, int newEnabled, int newVlanId)
             ok = false;
         }
     }
-    if (ok && edit.commitThenSave(__func__) != 0)
+    if (ok && commitThenSave(edit, __func__) != 0)
         ok = false;
     if (!ok) {
         edit.revert();

@@ -17,7 +17,7 @@ const struct blobmsg_policy forbidNetPolicy[E_FORBIDNET_MAX] = {
 };
 
 const struct ubus_method firewallMethods[] = {
-    UBUS_METHOD("setForbiddNet", setForbiddNet, forbidNetPolicy),
+    UBUS_METHOD("setForbiddNet", macIptvMethod<setForbiddNet>, forbidNetPolicy),
 };
 
 struct ubus_object_type firewallType = UBUS_OBJECT_TYPE("firewall", firewallMethods);
@@ -66,8 +66,7 @@ int setForbiddNetHandler(int enable, const char *mac)
     return 0;
 }
 
-int setForbiddNet(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-                  struct blob_attr *msg)
+int setForbiddNet(struct blob_attr *msg)
 {
     struct blob_attr *tb[E_FORBIDNET_MAX];
     macParseArgs(forbidNetPolicy, E_FORBIDNET_MAX, tb, msg);
@@ -88,8 +87,6 @@ int setForbiddNet(struct ubus_context *ctx, struct ubus_object *, struct ubus_re
     log_info("[%s:%d]setForbiddNet mac:%s", __func__, __LINE__, mac);
 
     int ret = setForbiddNetHandler(enable, mac);
-    MacReply reply;
-    macAddBool(reply.buf(), "result", ret == 0);
-    reply.send(ctx, req);
+    macAddBool(&s_bufMacIptv, "result", ret == 0);
     return UBUS_STATUS_OK;
 }

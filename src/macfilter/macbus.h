@@ -1,25 +1,11 @@
-// Bus helpers shared by the MAC filter's objects: argument parsing that survives any message, and the owner of
-// the group reply buffer s_bufMacIptv for the length of one handler.
+// Bus helpers shared by the MAC filter's objects: argument parsing that survives any message.
 #pragma once
 
 #include <stdint.h>
 
+#include "busmethod.h"
 #include "gwconf.h"
 #include "macfilter.h"
-
-// Initialises s_bufMacIptv for one reply and frees it when the handler's scope ends.
-class MacReply {
-public:
-    MacReply() { blob_buf_init(&s_bufMacIptv, 0); }
-    ~MacReply() { blob_buf_free(&s_bufMacIptv); }
-    MacReply(const MacReply &) = delete;
-    MacReply &operator=(const MacReply &) = delete;
-    struct blob_buf *buf() { return &s_bufMacIptv; }
-    int send(struct ubus_context *ctx, struct ubus_request_data *req)
-    {
-        return ubus_send_reply(ctx, req, s_bufMacIptv.head);
-    }
-};
 
 // Parses the payload of msg (a top-level message or a TABLE argument) with policy; a missing message leaves every
 // slot empty. An absent argument and one of another type both leave their slot null.

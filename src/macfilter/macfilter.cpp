@@ -10,22 +10,10 @@
 
 #include "gwconf.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/uci_session.h"
 #include "uciconfig.h"
 
 namespace {
-
-// Frees a libuci context (and every package still loaded in it) when the scope ends.
-struct UciContextOwner {
-    struct uci_context *ctx = uci_alloc_context();
-    UciContextOwner() = default;
-    UciContextOwner(const UciContextOwner &) = delete;
-    UciContextOwner &operator=(const UciContextOwner &) = delete;
-    ~UciContextOwner()
-    {
-        if (ctx)
-            uci_free_context(ctx);
-    }
-};
 
 struct ListOfModel {
     const char *section;
@@ -179,21 +167,11 @@ int deleteFirewallRuleByMacAndName(const char *mac, const char *name)
         log_error("[%s:%d]name is null", __func__, __LINE__);
         return -1;
     }
-    UciContextOwner owner;
-    struct uci_context *ctx = owner.ctx;
-    if (!ctx) {
-        log_error("[%s:%d]error uci_alloc_context", __func__, __LINE__);
+    routeutils::UciSession session;
+    if (session.open(__func__, UCI_FIREWALL_FILE) != 0)
         return -1;
-    }
-    struct uci_package *pkg = nullptr;
-    if (uci_load(ctx, UCI_FIREWALL_FILE, &pkg) != UCI_OK) {
-        log_error("[%s:%d]can't load %s", __func__, __LINE__, UCI_FIREWALL_FILE);
-        return -1;
-    }
-    if (!pkg) {
-        log_error("[%s:%d]can't load(%s)", __func__, __LINE__, UCI_FIREWALL_FILE);
-        return -1;
-    }
+    struct uci_context *ctx = session.ctx();
+    struct uci_package *pkg = session.pkg();
 
     // Copies of the matching section's name and values: deleting the section frees the originals.
     char secName[64] = {};
@@ -233,17 +211,19 @@ int deleteFirewallRuleByMacAndName(const char *mac, const char *name)
         if (uciDeleteSection(ctx, pkg, UCI_FIREWALL_FILE, secName) != 0) {
             log_error("[%s:%d]can't delete(%s, %s)", __func__, __LINE__, secMac, secRuleName);
             result = -1;
-        } else if (uci_save(ctx, pkg) != UCI_OK) {
-            log_error("[%s:%d]error uci_save(%s)", __func__, __LINE__, mac);
-            result = -1;
-        } else if (uci_commit(ctx, &pkg, false) != UCI_OK) {
-            log_error("[%s:%d]error uci_commit(%s)", __func__, __LINE__, mac);
-            result = -1;
+        } else {
+            const routeutils::UciWriteResult w = session.saveThenCommit();
+            if (w.failed == routeutils::UciWriteResult::Step::Save) {
+                log_error("[%s:%d]error uci_save(%s)", __func__, __LINE__, mac);
+                result = -1;
+            } else if (w.failed == routeutils::UciWriteResult::Step::Commit) {
+                log_error("[%s:%d]error uci_commit(%s)", __func__, __LINE__, mac);
+                result = -1;
+            }
         }
     }
-    // Nothing uncommitted may survive in the save directory; the context owner unloads what is left.
-    if (pkg && uciRevertPackage(ctx, &pkg, nullptr) == 0 && pkg)
-        uci_unload(ctx, pkg);
+    // Nothing uncommitted may survive in the save directory; the session unloads what is left.
+    session.revert();
     return result;
 }
 

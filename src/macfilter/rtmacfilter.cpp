@@ -34,10 +34,10 @@ const struct blobmsg_policy macFilterListPolicy[E_MACFILTERLIST_MAX] = {
 };
 
 const struct ubus_method rtMacFilterMethods[] = {
-    UBUS_METHOD_NOARG("getMacFilterList", getMacFilterList),
-    UBUS_METHOD("setMacFilter", setMacFilter, setMacFilterPolicy),
-    UBUS_METHOD("addMacFilterList", addMacFilterList, addMacFilterListPolicy),
-    UBUS_METHOD("delMacFilterList", delMacFilterList, delMacFilterListPolicy),
+    UBUS_METHOD_NOARG("getMacFilterList", macIptvMethod<getMacFilterList>),
+    UBUS_METHOD("setMacFilter", macIptvMethod<setMacFilter>, setMacFilterPolicy),
+    UBUS_METHOD("addMacFilterList", macIptvMethod<addMacFilterList>, addMacFilterListPolicy),
+    UBUS_METHOD("delMacFilterList", macIptvMethod<delMacFilterList>, delMacFilterListPolicy),
 };
 
 struct ubus_object_type rtMacFilterType = UBUS_OBJECT_TYPE("RTMacFilter", rtMacFilterMethods);
@@ -143,18 +143,14 @@ int getMacFilterListHandler(void)
     return 0;
 }
 
-int getMacFilterList(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-                     struct blob_attr *)
+int getMacFilterList(struct blob_attr *)
 {
-    MacReply reply;
     int ret = getMacFilterListHandler();
-    macAddBool(reply.buf(), "result", ret == 0);
-    reply.send(ctx, req);
+    macAddBool(&s_bufMacIptv, "result", ret == 0);
     return UBUS_STATUS_OK;
 }
 
-int setMacFilter(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-                 struct blob_attr *msg)
+int setMacFilter(struct blob_attr *msg)
 {
     struct blob_attr *tb[E_SETMACFILTER_MAX];
     macParseArgs(setMacFilterPolicy, E_SETMACFILTER_MAX, tb, msg);
@@ -173,10 +169,7 @@ int setMacFilter(struct ubus_context *ctx, struct ubus_object *, struct ubus_req
             outcome = setMacFilterHandler(enable, model);
         }
     }
-
-    MacReply reply;
-    macAddBool(reply.buf(), "result", outcome == 0);
-    reply.send(ctx, req);
+    macAddBool(&s_bufMacIptv, "result", outcome == 0);
     return UBUS_STATUS_OK;
 }
 
@@ -369,8 +362,7 @@ static int macListArgsCheck(const char *method, const char *idx, struct blob_att
     return failed ? -1 : 0;
 }
 
-int addMacFilterList(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-                     struct blob_attr *msg)
+int addMacFilterList(struct blob_attr *msg)
 {
     MacFilterEntry entry{};
     struct blob_attr *tb[E_ADDMACFILTERLIST_MAX];
@@ -382,19 +374,16 @@ int addMacFilterList(struct ubus_context *ctx, struct ubus_object *, struct ubus
     if (outcome == 0)
         outcome = addMacFilterListHandler(model, &entry);
 
-    MacReply reply;
     if (outcome == 1) {
-        void *error = blobmsg_open_table(reply.buf(), "error");
-        blobmsg_add_u32(reply.buf(), "code", MACFILTER_DUPLICATE_CODE);
-        blobmsg_close_table(reply.buf(), error);
+        void *error = blobmsg_open_table(&s_bufMacIptv, "error");
+        blobmsg_add_u32(&s_bufMacIptv, "code", MACFILTER_DUPLICATE_CODE);
+        blobmsg_close_table(&s_bufMacIptv, error);
     }
-    macAddBool(reply.buf(), "result", outcome == 0);
-    reply.send(ctx, req);
+    macAddBool(&s_bufMacIptv, "result", outcome == 0);
     return UBUS_STATUS_OK;
 }
 
-int delMacFilterList(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-                     struct blob_attr *msg)
+int delMacFilterList(struct blob_attr *msg)
 {
     MacFilterEntry entry{};
     struct blob_attr *tb[E_DELMACFILTERLIST_MAX];
@@ -405,9 +394,6 @@ int delMacFilterList(struct ubus_context *ctx, struct ubus_object *, struct ubus
     int outcome = macListArgsCheck(__func__, "E_DELMACFILTERLIST", tb, &model, &entry);
     if (outcome == 0)
         outcome = delMacFilterListHandler(model, &entry);
-
-    MacReply reply;
-    macAddBool(reply.buf(), "result", outcome == 0);
-    reply.send(ctx, req);
+    macAddBool(&s_bufMacIptv, "result", outcome == 0);
     return UBUS_STATUS_OK;
 }

@@ -8,6 +8,7 @@
 #include "macbus.h"
 #include "macfilter.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/system.h"
 #include "uciconfig.h"
 
 char s_staListDevName[STA_NAME_LEN + 1];
@@ -31,15 +32,17 @@ const struct blobmsg_policy staNamePolicy[E_GETSTALIST_MAX] = {
 };
 
 const struct ubus_method zelmadMacfilterMethods[] = {
-    UBUS_METHOD_NOARG("getMacFilter", zelmad_handle_get_macfilter),
-    UBUS_METHOD("setMacFilter", zelmad_handle_set_macfilter, zelmadSetPolicy),
+    UBUS_METHOD_NOARG("getMacFilter", macIptvMethod<zelmad_handle_get_macfilter>),
+    UBUS_METHOD("setMacFilter", macIptvMethod<zelmad_handle_set_macfilter>, zelmadSetPolicy),
 };
 
 struct ubus_object_type zelmadMacfilterType = UBUS_OBJECT_TYPE("macfilter", zelmadMacfilterMethods);
 
-// A private bus connection for one RTSta call; closed when the call is done.
+// A private bus connection for one RTSta call, on the default socket (under a test's system root when one is set);
+// closed when the call is done.
 struct StaConnection {
-    struct ubus_context *ctx = ubus_connect(nullptr);
+    struct ubus_context *ctx = ubus_connect(
+        routeutils::systemRootIsDefault() ? nullptr : routeutils::systemPath(UBUS_UNIX_SOCKET).c_str());
     StaConnection() = default;
     StaConnection(const StaConnection &) = delete;
     StaConnection &operator=(const StaConnection &) = delete;
@@ -231,17 +234,13 @@ void zelmadGetMacFilterListHandler(void)
     blobmsg_close_table(b, table);
 }
 
-int zelmad_handle_get_macfilter(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-                                const char *, struct blob_attr *)
+int zelmad_handle_get_macfilter(struct blob_attr *)
 {
-    MacReply reply;
     zelmadGetMacFilterListHandler();
-    reply.send(ctx, req);
     return UBUS_STATUS_OK;
 }
 
-int zelmad_handle_set_macfilter(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-                                const char *, struct blob_attr *msg)
+int zelmad_handle_set_macfilter(struct blob_attr *msg)
 {
     struct blob_attr *tb[E_ZELMAD_FILTER_MAX];
     macParseArgs(zelmadSetPolicy, E_ZELMAD_FILTER_MAX, tb, msg);
@@ -323,9 +322,6 @@ int zelmad_handle_set_macfilter(struct ubus_context *ctx, struct ubus_object *, 
         }
         setMacFilterHandler(enable, model);
     }
-
-    MacReply reply;
-    macAddBool(reply.buf(), "result", status == UBUS_STATUS_OK);
-    reply.send(ctx, req);
+    macAddBool(&s_bufMacIptv, "result", status == UBUS_STATUS_OK);
     return UBUS_STATUS_OK;
 }

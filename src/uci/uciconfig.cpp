@@ -5,12 +5,14 @@
 
 #include "routeutils/owners.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/uci_session.h"
 
 #include <cstring>
 #include <string>
 
 using routeutils::copyCut;
-using routeutils::UciContext;
+using routeutils::UciSession;
+using routeutils::UciWriteResult;
 
 namespace {
 
@@ -28,30 +30,26 @@ int editSaveCommit(int (*edit)(uci_context *, uci_ptr *), const char *package, c
             log_error("[%s:%d]%s error", caller, line, call);
         return rc;
     };
-    UciContext ctx;
-    if (!ctx)
-        return fail("uci_alloc_context", __LINE__, UCI_ERR_MEM);
+    UciSession s;
+    if (!s)
+        return fail(UciSession::allocCallName(), __LINE__, UCI_ERR_MEM);
     uci_ptr ptr{};
     ptr.package = package;
     ptr.section = section;
     ptr.option = option;
     ptr.value = value;
-    int rc = edit(ctx.get(), &ptr);
+    const int rc = edit(s.ctx(), &ptr);
     if (rc != UCI_OK)
         return fail(editName, __LINE__, rc);
-    rc = uci_save(ctx.get(), ptr.p);
-    if (rc != UCI_OK)
-        return fail("uci_save", __LINE__, rc);
-    rc = uci_commit(ctx.get(), &ptr.p, false);
-    if (rc != UCI_OK) {
+    s.adopt(ptr.p);
+    const UciWriteResult w = s.saveThenCommit();
+    if (w.failed == UciWriteResult::Step::Save)
+        return fail("uci_save", __LINE__, w.rc);
+    if (w.failed == UciWriteResult::Step::Commit) {
         // The change is saved but not in the file (a full or read-only /etc/config). Take it back, so a write
         // reported as failed does not become permanent at the next commit of the package, whoever makes it.
-        uci_ptr undo{};
-        undo.package = package;
-        undo.section = section;
-        undo.option = option;
-        uci_revert(ctx.get(), &undo);
-        return fail("uci_commit", __LINE__, rc);
+        s.revertOption(section, option);
+        return fail("uci_commit", __LINE__, w.rc);
     }
     return UCI_OK;
 }
@@ -64,25 +62,24 @@ int uciGetConfig(const char *package, const char *section, const char *option, c
         log_error("[%s:%d]UCI_ERR_INVAL", __func__, __LINE__);
         return UCI_ERR_INVAL;
     }
-    UciContext ctx;
-    if (!ctx) {
+    UciSession s;
+    if (!s) {
         log_error("[%s:%d]uciGetConfig UCI_ERR_MEM", __func__, __LINE__);
         return UCI_ERR_MEM;
     }
-    uci_package *pkg = nullptr;
-    const int rc = uci_load(ctx.get(), package, &pkg);
-    if (rc != UCI_OK || !pkg) {
+    const int rc = s.load(package);
+    if (rc != UCI_OK || !s.pkg()) {
         const int err = rc != UCI_OK ? rc : UCI_ERR_NOTFOUND;
         log_error("[%s:%d]uciGetConfig uci_load:%d", __func__, __LINE__, err);
         return err;
     }
-    uci_section *sec = uci_lookup_section(ctx.get(), pkg, section);
+    uci_section *sec = uci_lookup_section(s.ctx(), s.pkg(), section);
     if (!sec) {
         log_error("[%s:%d]uciGetConfig UCI_ERR_NOTFOUND2", __func__, __LINE__);
         return UCI_ERR_NOTFOUND;
     }
     // A list option counts as absent: only a single text is read here.
-    const char *text = uci_lookup_option_string(ctx.get(), sec, option);
+    const char *text = uci_lookup_option_string(s.ctx(), sec, option);
     if (!text) {
         log_error("[%s:%d]uciGetConfig UCI_ERR_NOTFOUND1", __func__, __LINE__);
         return UCI_ERR_NOTFOUND;
@@ -149,15 +146,15 @@ int uciGetStr(const char *path, char *buffer, int len)
         log_error("[%s:%d]UCI_ERR_INVAL", __func__, __LINE__);
         return UCI_ERR_INVAL;
     }
-    UciContext ctx;
-    if (!ctx) {
+    UciSession s;
+    if (!s) {
         log_error("[%s:%d]UCI_ERR_MEM", __func__, __LINE__);
         return UCI_ERR_MEM;
     }
     // libuci splits the path in place; it works on a copy, so a constant path is never written.
     std::string copy(path);
     uci_ptr ptr{};
-    if (uci_lookup_ptr(ctx.get(), &ptr, copy.data(), true) != UCI_OK) {
+    if (uci_lookup_ptr(s.ctx(), &ptr, copy.data(), true) != UCI_OK) {
         log_error("[%s:%d]UCI_ERR_NOTFOUND", __func__, __LINE__);
         return UCI_ERR_NOTFOUND;
     }
@@ -186,23 +183,23 @@ int uciAddNewSection(const char *package, const char *type, const char (*options
         log_error("[%s:%d]UCI_ERR_INVAL", __func__, __LINE__);
         return UCI_ERR_INVAL;
     }
-    UciContext ctx;
-    if (!ctx) {
+    UciSession s;
+    if (!s) {
         log_error("[%s:%d]uciAddNewSection UCI_ERR_MEM", __func__, __LINE__);
         return UCI_ERR_MEM;
     }
-    const int rc = uci_load(ctx.get(), package, nullptr);
+    const int rc = s.load(package);
     if (rc != UCI_OK) {
         log_error("[%s:%d]uciAddNewSection uci_load:%d", __func__, __LINE__, rc);
         return rc;
     }
-    uci_package *pkg = uci_lookup_package(ctx.get(), package);
+    uci_package *pkg = uci_lookup_package(s.ctx(), package);
     if (!pkg) {
         log_error("[%s:%d]uciAddNewSection UCI_ERR_NOTFOUND", __func__, __LINE__);
         return UCI_ERR_NOTFOUND;
     }
     uci_section *sec = nullptr;
-    uci_add_section(ctx.get(), pkg, type, &sec);
+    uci_add_section(s.ctx(), pkg, type, &sec);
     for (int i = 0; i < count; ++i) {
         // The slots are fixed-size arrays; a text that fills its slot is read up to the slot's end.
         const std::string option(options[i], strnlen(options[i], sizeof options[i]));
@@ -217,10 +214,11 @@ int uciAddNewSection(const char *package, const char *type, const char (*options
         ptr.section = sec->e.name;
         ptr.option = option.c_str();
         ptr.value = value.c_str();
-        uci_set(ctx.get(), &ptr);
+        uci_set(s.ctx(), &ptr);
     }
-    // Once the package is loaded the result is 0, whatever the edits and the commit did.
-    uci_commit(ctx.get(), &pkg, false);
+    // Once the package is loaded the result is 0, whatever the edits and the commit did. No save: commit alone.
+    s.adopt(pkg);
+    s.commit();
     return UCI_OK;
 }
 
@@ -239,18 +237,7 @@ int uciDeleteSection(struct uci_context *ctx, struct uci_package *pkg, const cha
 
 int uciRevertPackage(struct uci_context *ctx, struct uci_package **pkg, const char *section)
 {
-    if (!ctx || !pkg || !*pkg)
-        return -1;
-    // The revert unloads the package, so its name is kept apart for the lookup.
-    const std::string name((*pkg)->e.name ? (*pkg)->e.name : "");
-    uci_ptr ptr{};
-    ptr.p = *pkg;
-    ptr.package = name.c_str();
-    ptr.section = section;
-    if (uci_revert(ctx, &ptr) != UCI_OK || !ptr.p)
-        return -1;
-    *pkg = ptr.p;
-    return 0;
+    return routeutils::uciRevertLoaded(ctx, pkg, section);
 }
 
 int uciAddList(const char *package, const char *section, const char *option, const char *value)

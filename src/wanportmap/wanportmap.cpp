@@ -12,14 +12,19 @@ extern "C" {
 #include <libubox/uloop.h>
 }
 
+#include "busmethod.h"
 #include "gwconf.h"
 #include "routeutils/routeutils.h"
-#include "upnp.h"
+#include "routeutils/system.h"
+#include "routeutils/uci_session.h"
 #include "wanportmap.h"
 
 struct uloop_timeout wanPortMapTimer;
 
 namespace {
+
+using routeutils::UciSession;
+using routeutils::UciWriteResult;
 
 constexpr const char *kRedirectType = "redirect";
 constexpr const char *kSectionName = "wanPortMap";
@@ -32,8 +37,8 @@ const struct blobmsg_policy s_setWanPortMapPolicy[__E_SETWANPORTMAP_MAX] = {
 };
 
 const struct ubus_method s_rtWanPortMapMethods[] = {
-    UBUS_METHOD("setWanPortMap", ubus_setConfig, s_setWanPortMapPolicy),
-    UBUS_METHOD_NOARG("getWanPortMap", ubus_getConfig),
+    UBUS_METHOD("setWanPortMap", wanPortMapMethod<ubus_setConfig>, s_setWanPortMapPolicy),
+    UBUS_METHOD_NOARG("getWanPortMap", wanPortMapMethod<ubus_getConfig>),
 };
 
 struct ubus_object_type s_rtWanPortMapType = UBUS_OBJECT_TYPE("RTWanPortMap", s_rtWanPortMapMethods);
@@ -48,53 +53,46 @@ void addressText(const in_addr &addr, char (&text)[INET_ADDRSTRLEN])
 // Writes the setting into the first redirect section (log name "setConfig"); 0 or -1.
 int setConfig(const WanPortMapConfig &config)
 {
-    UciFirstSection s;
-    if (s.ctx != nullptr)
+    UciSession s;
+    if (s)
         log_info("[%s:%d]addPortMap", __func__, __LINE__);
     int result = -1;
-    if (s.open(__func__, UCI_WANPORTMAP_FILE, kRedirectType) == 0) {
-        if (s.sec == nullptr && uci_add_section(s.ctx, s.pkg, kRedirectType, &s.sec) == UCI_OK && s.sec != nullptr) {
+    if (s.open(__func__, UCI_WANPORTMAP_FILE) == 0) {
+        uci_section *sec = s.firstSection(kRedirectType);
+        if (sec == nullptr && uci_add_section(s.ctx(), s.pkg(), kRedirectType, &sec) == UCI_OK && sec != nullptr) {
             uci_ptr ptr{};
-            ptr.p = s.pkg;
-            ptr.s = s.sec;
-            ptr.package = s.pkg->e.name;
-            ptr.section = s.sec->e.name;
+            ptr.p = s.pkg();
+            ptr.s = sec;
+            ptr.package = s.pkg()->e.name;
+            ptr.section = sec->e.name;
             ptr.value = kSectionName;
-            uci_rename(s.ctx, &ptr);
+            uci_rename(s.ctx(), &ptr);
         }
-        if (s.sec == nullptr) {
+        if (sec == nullptr) {
             log_error("[%s:%d]error set Enable", __func__, __LINE__);
         } else {
-            if (uciSetEnabled(s.ctx, s.pkg, s.sec, config.enabled) != 0)
+            if (uciSetEnabled(s.ctx(), s.pkg(), sec, config.enabled) != 0)
                 log_error("[%s:%d]error set Enable", __func__, __LINE__);
-            if (uciSetUint32(s.ctx, s.pkg, s.sec, "InPort", config.inPort) != 0)
+            if (uciSetUint32(s.ctx(), s.pkg(), sec, "InPort", config.inPort) != 0)
                 log_error("[%s:%d]error set InPort", __func__, __LINE__);
-            if (uciSetUint32(s.ctx, s.pkg, s.sec, "ExPort", config.exPort) != 0)
+            if (uciSetUint32(s.ctx(), s.pkg(), sec, "ExPort", config.exPort) != 0)
                 log_error("[%s:%d]error set ExPort", __func__, __LINE__);
             char addr[INET_ADDRSTRLEN];
             addressText(config.remoteAddr, addr);
-            uciSetString(s.ctx, s.pkg, s.sec, "RemoteAddr", addr);
+            uciSetString(s.ctx(), s.pkg(), sec, "RemoteAddr", addr);
         }
-        if (s.commit() != UCI_OK) {
+        const UciWriteResult w = s.commitThenSave();
+        if (w.failed == UciWriteResult::Step::Commit)
             log_error("[%s:%d]error uci_commit", __func__, __LINE__);
-        } else if (s.save() != UCI_OK) {
+        else if (w.failed == UciWriteResult::Step::Save)
             log_error("[%s:%d]error uci_save", __func__, __LINE__);
-        } else {
+        else
             result = 0;
-        }
     }
     if (result != 0)
         s.revert();
     log_info("[%s:%d] ret [%d]  end ", __func__, __LINE__, result);
     return result;
-}
-
-void replyResult(ubus_context *ctx, ubus_request_data *req, bool ok)
-{
-    blob_buf_init(&s_bufWanPortMap, 0);
-    blobmsg_add_u8(&s_bufWanPortMap, "result", ok ? 1 : 0);
-    ubus_send_reply(ctx, req, s_bufWanPortMap.head);
-    blob_buf_free(&s_bufWanPortMap);
 }
 
 // The three chains the script fills and the built-in chains that jump to them.
@@ -121,23 +119,24 @@ struct ubus_object rtWanPortMapObject = {
 int getConfig(WanPortMapConfig *out)
 {
     memset(out, 0, sizeof *out);
-    UciFirstSection s;
-    if (s.open(__func__, UCI_WANPORTMAP_FILE, kRedirectType) != 0 || s.sec == nullptr)
+    UciSession s;
+    uci_section *sec = s.open(__func__, UCI_WANPORTMAP_FILE) == 0 ? s.firstSection(kRedirectType) : nullptr;
+    if (sec == nullptr)
         return -1;
-    if (uciGetEnabled(s.ctx, s.sec, &out->enabled) != 0) {
+    if (uciGetEnabled(s.ctx(), sec, &out->enabled) != 0) {
         out->enabled = 0;
         log_error("[%s:%d]read Enabled error", __func__, __LINE__);
     }
-    if (uciGetUint32(s.ctx, s.sec, "InPort", &out->inPort) != 0) {
+    if (uciGetUint32(s.ctx(), sec, "InPort", &out->inPort) != 0) {
         out->inPort = 0;
         log_error("[%s:%d]read InPort error", __func__, __LINE__);
     }
-    if (uciGetUint32(s.ctx, s.sec, "ExPort", &out->exPort) != 0) {
+    if (uciGetUint32(s.ctx(), sec, "ExPort", &out->exPort) != 0) {
         out->exPort = 0;
         log_error("[%s:%d]read ExPort error", __func__, __LINE__);
     }
     char addr[32] = {0};
-    if (uciGetString(s.ctx, s.sec, "RemoteAddr", addr, sizeof addr) == 0 &&
+    if (uciGetString(s.ctx(), sec, "RemoteAddr", addr, sizeof addr) == 0 &&
         inet_pton(AF_INET, addr, &out->remoteAddr) != 1) {
         out->remoteAddr.s_addr = 0;
         log_error("[%s:%d]read RemoteAddr error", __func__, __LINE__);
@@ -163,7 +162,8 @@ void applyConfig(struct uloop_timeout *)
     if (getConfig(&config) != 0)
         return;
 
-    const int fd = open(WANPORTMAP_SCRIPT, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
+    const std::string path = routeutils::systemPath(WANPORTMAP_SCRIPT);
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
     if (fd < 0) {
         log_error("[%s:%d]open %s fail, errno : %s\n", __func__, __LINE__, WANPORTMAP_SCRIPT, strerror(errno));
         return;
@@ -177,8 +177,7 @@ void applyConfig(struct uloop_timeout *)
     LC_SystemCall("%s > /tmp/wanPortMap.log 2>&1 &", WANPORTMAP_SCRIPT);
 }
 
-int ubus_setConfig(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-                   struct blob_attr *msg)
+int ubus_setConfig(struct blob_attr *msg)
 {
     blob_attr *tb[__E_SETWANPORTMAP_MAX] = {};
     if (msg != nullptr)
@@ -221,19 +220,17 @@ int ubus_setConfig(struct ubus_context *ctx, struct ubus_object *, struct ubus_r
         uloop_timeout_set(&wanPortMapTimer, WANPORTMAP_CHANGE_DELAY_MS);
     }
     log_info("[%s:%d]ret=%d", __func__, __LINE__, result);
-    replyResult(ctx, req, result == 0);
+    blobmsg_add_u8(&s_bufWanPortMap, "result", result == 0 ? 1 : 0);
     return UBUS_STATUS_OK;
 }
 
-int ubus_getConfig(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-                   struct blob_attr *)
+int ubus_getConfig(struct blob_attr *)
 {
     WanPortMapConfig config;
     getConfig(&config);
     char addr[INET_ADDRSTRLEN];
     addressText(config.remoteAddr, addr);
 
-    blob_buf_init(&s_bufWanPortMap, 0);
     void *params = blobmsg_open_table(&s_bufWanPortMap, "params");
     blobmsg_add_u32(&s_bufWanPortMap, "Enabled", config.enabled);
     blobmsg_add_u32(&s_bufWanPortMap, "InPort", config.inPort);
@@ -241,7 +238,5 @@ int ubus_getConfig(struct ubus_context *ctx, struct ubus_object *, struct ubus_r
     blobmsg_add_string(&s_bufWanPortMap, "RemoteAddr", addr);
     blobmsg_close_table(&s_bufWanPortMap, params);
     blobmsg_add_u8(&s_bufWanPortMap, "result", 1);
-    ubus_send_reply(ctx, req, s_bufWanPortMap.head);
-    blob_buf_free(&s_bufWanPortMap);
     return UBUS_STATUS_OK;
 }

@@ -1,6 +1,7 @@
 // Typed option accessors and list/section helpers on packages loaded with libuci.
 #include "routeutils/owners.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/uci_session.h"
 
 #include <cerrno>
 #include <climits>
@@ -9,7 +10,7 @@
 #include <cstring>
 
 using routeutils::copyCut;
-using routeutils::UciContext;
+using routeutils::UciSession;
 
 namespace {
 
@@ -131,17 +132,16 @@ int uciGetOptionInt32(const char *config, const char *package, const char *secti
     const char *name = config ? config : package;
     if (!name || !section || !option || !value)
         return -1;
-    UciContext ctx;
-    if (!ctx)
+    UciSession s;
+    if (!s)
         return -1;
-    uci_package *pkg = nullptr;
-    if (uci_load(ctx.get(), name, &pkg) != UCI_OK || !pkg)
+    if (s.load(name) != UCI_OK || !s.pkg())
         return -1;
-    uci_section *sec = uci_lookup_section(ctx.get(), pkg, section);
+    uci_section *sec = uci_lookup_section(s.ctx(), s.pkg(), section);
     if (!sec)
         return -1;
     long long v = 0;
-    if (!parseDecimal(uci_lookup_option_string(ctx.get(), sec, option), true, INT32_MIN, INT32_MAX, &v))
+    if (!parseDecimal(uci_lookup_option_string(s.ctx(), sec, option), true, INT32_MIN, INT32_MAX, &v))
         return -1;
     *value = static_cast<int32_t>(v);
     return 0;
@@ -153,8 +153,8 @@ int uciSetOptionInt32(const char *config, const char *package, const char *secti
     const char *name = config ? config : package;
     if (!name || !section || !option)
         return -1;
-    UciContext ctx;
-    if (!ctx)
+    UciSession s;
+    if (!s)
         return -1;
     char text[16];
     std::snprintf(text, sizeof text, "%d", static_cast<int>(value));
@@ -163,11 +163,10 @@ int uciSetOptionInt32(const char *config, const char *package, const char *secti
     ptr.section = section;
     ptr.option = option;
     ptr.value = text;
-    if (uci_set(ctx.get(), &ptr) != UCI_OK || !ptr.p)
+    if (uci_set(s.ctx(), &ptr) != UCI_OK || !ptr.p)
         return -1;
-    if (uci_save(ctx.get(), ptr.p) != UCI_OK)
-        return -1;
-    return uci_commit(ctx.get(), &ptr.p, false) == UCI_OK ? 0 : -1;
+    s.adopt(ptr.p);
+    return s.saveThenCommit().ok() ? 0 : -1;
 }
 
 int publicUciAddList(struct uci_context *ctx, const char *package, const char *section, const char *option,

@@ -1,8 +1,10 @@
 // The one command runner: LC_SystemCall and iptables. No shell is involved: the format is split first, each
-// argument is formatted into its own word, and the program is started with posix_spawnp (no copy of the daemon's
-// address space; the start costs a process creation and the program's own loading, nothing more).
+// argument is formatted into its own word, and the command goes to the installed runner (system.h). The spawning
+// runner starts the program with posix_spawnp (no copy of the daemon's address space; the start costs a process
+// creation and the program's own loading, nothing more).
 #include "routeutils/command_line.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/system.h"
 
 #include <cerrno>
 #include <csignal>
@@ -180,7 +182,7 @@ int runFormat(const char *caller, const char *program, const char *fmt, va_list 
     log_debug("[%s:%d]%s", caller, __LINE__, cmd.line.c_str());
     if (cmd.cut)
         log_debug("[%s:%d]command cut to %zu characters", caller, __LINE__, kCommandLineMax);
-    return runCommand(cmd);
+    return commandRunner().run(cmd);
 }
 
 }  // namespace

@@ -1,31 +1,11 @@
-// Small C++ helpers shared by the platform library and the daemon: an owner for a libuci context, and the one
-// place where texts are copied into the daemon's fixed buffers ("longer input is cut, never overrun").
+// Small C++ helpers shared by the platform library and the daemon: the place where texts are copied into the
+// daemon's fixed buffers ("longer input is cut, never overrun"). The owner of libuci contexts is uci_session.h.
 #pragma once
 
 #include <cstddef>
 #include <cstring>
-#include <uci.h>
 
 namespace routeutils {
-
-// Owns a libuci context; freeing it also unloads every package loaded in it.
-class UciContext {
-public:
-    UciContext() : ctx_(uci_alloc_context()) {}
-    ~UciContext()
-    {
-        if (ctx_)
-            uci_free_context(ctx_);
-    }
-    UciContext(const UciContext &) = delete;
-    UciContext &operator=(const UciContext &) = delete;
-
-    explicit operator bool() const { return ctx_ != nullptr; }
-    uci_context *get() const { return ctx_; }
-
-private:
-    uci_context *ctx_;
-};
 
 // Copies at most len characters of src into dst and terminates it; dst holds at least len + 1 bytes.
 // Returns the number of characters copied.

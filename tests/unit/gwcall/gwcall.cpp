@@ -1,0 +1,229 @@
+// gwcall: one method of gwconfd called in this process, as `ubus call` would call it, with every command recorded
+// instead of run and the configuration in a folder of the caller's (no bus daemon, no root rights).
+//
+//   gwcall --init                    ROOT/etc/config from the default configuration, ROOT/tmp and ROOT/var/run
+//   gwcall --start                   the daemon's start-up steps (MAC filter, IPTV, UPnP and DMZ, the WAN apply)
+//   gwcall --uci ARGS...             the uci tool on ROOT's configuration (its changes saved in ROOT/tmp/.uci)
+//   gwcall OBJECT METHOD ['JSON']    the same arguments as `ubus call`
+//
+// Output: the reply exactly as `ubus call` prints it (nothing without one); then "run: " and each command the call
+// ran, quoted as the emulated router's journal quotes it, with its redirections and a final "&"; then, for each
+// timer the call armed, "timer: NAME after N ms" and what the timer runs when it fires (fired at once here). The
+// exit status is the bus status as `ubus -S call` gives it (status & 0xff).
+//
+// Environment: GWCALL_ROOT, the folder that stands for "/" (default: the current folder); GWCALL_STATUS, the exit
+// status every recorded command answers (default 0); GWCALL_UCI, the uci tool. Commands of the uci tool are run
+// for real on ROOT/etc/config, as on the router, so the configuration they write is there to see. The daemon's
+// standard output goes to /dev/null; its log lines come on standard error with GWCONF_LOG_STDERR=1.
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <cwctype>
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <libubox/blobmsg_json.h>
+#include <libubox/uloop.h>
+
+#include "busmethod.h"
+#include "gwconf.h"
+#include "routeutils/system.h"
+
+namespace fs = std::filesystem;
+using routeutils::Command;
+
+namespace {
+
+std::string g_root;
+std::vector<char> g_reply;  // the reply blob, as the bus would have sent it
+
+void keepReply(blob_attr *reply)
+{
+    const auto *bytes = reinterpret_cast<const char *>(reply);
+    g_reply.assign(bytes, bytes + blob_pad_len(reply));
+}
+
+// One argument as the router's journal writes it: bare when made of [A-Za-z0-9_@%+=:,./-] only, $'...' (bash's
+// %q) when it holds a control character, else in single quotes.
+std::string quote(const std::string &arg)
+{
+    if (!arg.empty() && arg.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"
+                                              "_@%+=:,./-") == std::string::npos)
+        return arg;
+    bool control = false;
+    for (unsigned char c : arg)
+        control = control || c < 0x20 || c == 0x7f;
+    if (!control) {
+        std::string out = "'";
+        for (char c : arg)
+            out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        return out + "'";
+    }
+    static const char kEscaped[] = "\a\b\x1b\f\n\r\t\v\\'";
+    static const char kLetters[] = "abEfnrtv\\'";
+    std::string out = "$'";
+    std::mbstate_t state{};
+    for (size_t i = 0; i < arg.size();) {
+        const unsigned char c = static_cast<unsigned char>(arg[i]);
+        wchar_t wc = 0;
+        const size_t n = c < 0x80 ? 1 : std::mbrtowc(&wc, arg.data() + i, arg.size() - i, &state);
+        if (const char *hit = c ? std::strchr(kEscaped, c) : nullptr) {
+            out += std::string("\\") + kLetters[hit - kEscaped];
+        } else if (c >= 0x20 && c < 0x7f) {
+            out += static_cast<char>(c);
+        } else if (c >= 0x80 && n > 0 && n <= arg.size() - i && std::iswprint(wc)) {
+            out.append(arg, i, n);  // a printable character of the UTF-8 locale stays as it is
+            i += n;
+            continue;
+        } else {
+            char octal[8];
+            std::snprintf(octal, sizeof octal, "\\%03o", c);
+            out += octal;
+            state = {};
+        }
+        ++i;
+    }
+    return out + "'";
+}
+
+std::string commandLines(const std::vector<Command> &commands)
+{
+    std::string lines;
+    for (const Command &c : commands) {
+        lines += "run:";
+        for (const std::string &a : c.argv)
+            lines += " " + quote(a);
+        for (const routeutils::Redirection &r : c.redirections)
+            lines += r.toStdout ? " 2>&1" : (r.fd == 2 ? " 2> " : " > ") + r.path;
+        lines += c.background ? " &\n" : "\n";
+    }
+    return lines;
+}
+
+// The uci tool, run for real on the folder's configuration; any other command answers GWCALL_STATUS.
+int answer(const Command &c, int status)
+{
+    if (c.argv.empty() || c.argv[0] != "uci")
+        return status;
+    const char *tool = std::getenv("GWCALL_UCI");
+    Command uci;
+    uci.argv = {tool && *tool ? tool : GWCALL_UCI, "-c", g_root + "/etc/config", "-t", g_root + "/tmp/.uci"};
+    uci.argv.insert(uci.argv.end(), c.argv.begin() + 1, c.argv.end());
+    return routeutils::runCommand(uci);
+}
+
+int init()
+{
+    std::error_code ec;
+    for (const char *dir : {"/etc/config", "/tmp", "/var/run"})
+        fs::create_directories(g_root + dir, ec);
+    fs::copy(GWCONF_SOURCE_DIR "/sandbox/defaults", g_root + "/etc/config",
+             fs::copy_options::recursive | fs::copy_options::overwrite_existing, ec);
+    if (ec)
+        std::fprintf(stderr, "gwcall: %s\n", ec.message().c_str());
+    return ec ? 1 : 0;
+}
+
+// The method's handler from the daemon's own tables; the status as the bus gives it for a call.
+int call(const char *object, const char *method, const char *json)
+{
+    ubus_object *const objects[] = {&rtMacFilterObject, &zelmadMacfilterObject, &rtIptvObject, &firewallObject,
+                                    &zelmadVlanObject,  &rtPortMapObject,       &rtUpnpObject, &rtWanPortMapObject};
+    ubus_object *obj = nullptr;
+    for (ubus_object *o : objects)
+        if (std::strcmp(o->name, object) == 0)
+            obj = o;
+    if (obj == nullptr)
+        return UBUS_STATUS_NOT_FOUND;
+    const ubus_method *m = nullptr;
+    for (int i = 0; i < obj->n_methods; ++i)
+        if (std::strcmp(obj->methods[i].name, method) == 0)
+            m = &obj->methods[i];
+    if (m == nullptr)
+        return UBUS_STATUS_METHOD_NOT_FOUND;
+    blob_buf msg{};
+    blob_buf_init(&msg, 0);
+    ubus_request_data req{};
+    const bool parsed = json == nullptr || blobmsg_add_json_from_string(&msg, json);
+    const int status = parsed ? m->handler(nullptr, obj, &req, m->name, msg.head) : UBUS_STATUS_PARSE_ERROR;
+    blob_buf_free(&msg);
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    std::setlocale(LC_CTYPE, "C.UTF-8");
+    const char *root = std::getenv("GWCALL_ROOT");
+    g_root = fs::absolute(root && *root ? root : ".").lexically_normal().string();
+    if (g_root.size() > 1 && g_root.back() == '/')
+        g_root.pop_back();
+    const bool start = argc == 2 && std::strcmp(argv[1], "--start") == 0;
+    if (argc == 2 && std::strcmp(argv[1], "--init") == 0)
+        return init();
+    if (argc >= 2 && std::strcmp(argv[1], "--uci") == 0) {
+        Command uci;
+        uci.argv.assign(argv + 1, argv + argc);
+        uci.argv[0] = "uci";
+        return answer(uci, 0);
+    }
+    if (!start && (argc < 3 || argc > 4)) {
+        std::fprintf(stderr, "usage: gwcall --init | --start | --uci ARGS... | OBJECT METHOD ['JSON']\n");
+        return 1;
+    }
+
+    routeutils::RecordingRunner runner;
+    const int status = std::atoi(std::getenv("GWCALL_STATUS") ? std::getenv("GWCALL_STATUS") : "0");
+    runner.answer = [status](const Command &c) { return answer(c, status); };
+    routeutils::installCommandRunner(&runner);
+    routeutils::setSystemRoot(g_root);
+    busReplyTap = keepReply;
+    uloop_init();
+    wanPortMapTimer.cb = applyConfig;
+
+    // What the daemon prints on its standard output goes nowhere, as under the service manager.
+    std::fflush(stdout);
+    const int out = dup(STDOUT_FILENO);
+    const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(devnull, STDOUT_FILENO);
+    int result = 0;
+    if (start) {
+        macFilterInit();
+        iptvInit();
+        NatForward_upnpRestore(nullptr);
+        uloop_timeout_set(&wanPortMapTimer, 30000);
+    } else {
+        result = call(argv[1], argv[2], argc == 4 ? argv[3] : nullptr);
+    }
+    const std::string ran = commandLines(runner.commands);
+    std::string timers;  // each timer the call armed, fired now: what it runs
+    const std::pair<uloop_timeout *, const char *> armable[] = {{&reloadNetworkTimer, "reloadNetworkTimer"},
+                                                                {&wanPortMapTimer, "wanPortMapTimer"}};
+    for (auto [t, name] : armable) {
+        if (!t->pending)
+            continue;
+        const int64_t ms = (uloop_timeout_remaining64(t) + 99) / 100 * 100;
+        uloop_timeout_cancel(t);
+        runner.commands.clear();
+        t->cb(t);
+        timers += "timer: " + std::string(name) + " after " + std::to_string(ms) + " ms\n";
+        timers += commandLines(runner.commands);
+    }
+    std::fflush(stdout);
+    dup2(out, STDOUT_FILENO);
+
+    if (!g_reply.empty()) {
+        char *text = blobmsg_format_json_indent(reinterpret_cast<blob_attr *>(g_reply.data()), true, 0);
+        std::printf("%s\n", text ? text : "");
+        std::free(text);
+    }
+    std::printf("%s%s", ran.c_str(), timers.c_str());
+    uloop_done();
+    return result & 0xff;
+}
