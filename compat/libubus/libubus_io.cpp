@@ -1,6 +1,7 @@
 // Connection handling of the client library: connect and HELLO, framing of sent and received messages, the
 // uloop read handler, the synchronous wait for a request, and the queue of calls that arrive during that wait.
 #include "libubus_internal.h"
+#include "fdpass.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -29,22 +30,13 @@ int64_t now_ms()
 	return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-// Reads exactly len bytes from a non-blocking socket, waiting for readiness as needed. The first read may also
-// pick up a descriptor. Returns false on end of file, error or when the peer stalls.
-bool read_exact(int fd, void *buf, size_t len, int *fd_out)
+// Reads exactly len bytes from a non-blocking socket, waiting for readiness as needed. Returns false on end of
+// file, error or when the peer stalls.
+bool read_exact(int fd, void *buf, size_t len)
 {
 	uint8_t *p = static_cast<uint8_t *>(buf);
 	while (len > 0) {
-		iovec iov{p, len};
-		msghdr mh{};
-		alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
-		mh.msg_iov = &iov;
-		mh.msg_iovlen = 1;
-		if (fd_out) {
-			mh.msg_control = ctl;
-			mh.msg_controllen = sizeof(ctl);
-		}
-		ssize_t n = recvmsg(fd, &mh, MSG_CMSG_CLOEXEC);
+		ssize_t n = recv(fd, p, len, 0);
 		if (n == 0)
 			return false;
 		if (n < 0) {
@@ -59,17 +51,6 @@ bool read_exact(int fd, void *buf, size_t len, int *fd_out)
 			if (ready <= 0)
 				return false;
 			continue;
-		}
-		if (fd_out && mh.msg_controllen) {
-			for (cmsghdr *c = CMSG_FIRSTHDR(&mh); c; c = CMSG_NXTHDR(&mh, c)) {
-				if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_RIGHTS) {
-					int got;
-					memcpy(&got, CMSG_DATA(c), sizeof(int));
-					if (*fd_out >= 0)
-						close(*fd_out);
-					*fd_out = got;
-				}
-			}
 		}
 		p += n;
 		len -= size_t(n);
@@ -148,14 +129,8 @@ ssize_t fill(ubus_context *ctx, ReadAhead &ra, bool wait)
 	size_t room = std::max<size_t>(UBUS_MSG_CHUNK_SIZE, old);
 	ra.buf.resize(old + room);
 	for (;;) {
-		iovec iov{ra.buf.data() + old, room};
-		alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
-		msghdr mh{};
-		mh.msg_iov = &iov;
-		mh.msg_iovlen = 1;
-		mh.msg_control = ctl;
-		mh.msg_controllen = sizeof(ctl);
-		ssize_t n = recvmsg(ctx->sock.fd, &mh, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+		int got = -1;
+		ssize_t n = ubus_wire::recv_with_fd(ctx->sock.fd, ra.buf.data() + old, room, MSG_DONTWAIT, &got);
 		if (n < 0 && errno == EINTR)
 			continue;
 		if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
@@ -174,17 +149,11 @@ ssize_t fill(ubus_context *ctx, ReadAhead &ra, bool wait)
 			return n;
 		}
 		ra.buf.resize(old + size_t(n));
-		for (cmsghdr *c = CMSG_FIRSTHDR(&mh); c; c = CMSG_NXTHDR(&mh, c)) {
-			if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS)
-				continue;
-			int got;
-			memcpy(&got, CMSG_DATA(c), sizeof(int));
-			if (ra.fd >= 0) {
-				close(got);
-			} else {
-				ra.fd = got;
-				ra.fd_end = ra.buf.size();
-			}
+		if (got >= 0 && ra.fd >= 0) {
+			close(got);
+		} else if (got >= 0) {
+			ra.fd = got;
+			ra.fd_end = ra.buf.size();
 		}
 		return n;
 	}
@@ -313,20 +282,7 @@ int write_all(ubus_context *ctx, const iovec *iov, int n, int fd)
 			skip = 0;
 			cnt++;
 		}
-		msghdr mh{};
-		mh.msg_iov = cur;
-		mh.msg_iovlen = size_t(cnt);
-		alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
-		if (!fd_sent) {
-			mh.msg_control = ctl;
-			mh.msg_controllen = sizeof(ctl);
-			cmsghdr *c = CMSG_FIRSTHDR(&mh);
-			c->cmsg_level = SOL_SOCKET;
-			c->cmsg_type = SCM_RIGHTS;
-			c->cmsg_len = CMSG_LEN(sizeof(int));
-			memcpy(CMSG_DATA(c), &fd, sizeof(int));
-		}
-		ssize_t w = sendmsg(ctx->sock.fd, &mh, MSG_NOSIGNAL);
+		ssize_t w = ubus_wire::send_with_fd(ctx->sock.fd, cur, size_t(cnt), fd_sent ? -1 : fd, MSG_NOSIGNAL);
 		if (w < 0) {
 			if (errno == EINTR)
 				continue;
@@ -491,7 +447,7 @@ int ubus_reconnect(struct ubus_context *ctx, const char *path)
 	uint8_t prefix[sizeof(ubus_msghdr) + 4];
 	ubus_msghdr hdr;
 	uint32_t raw = 0;
-	bool ok = read_exact(fd, prefix, sizeof(prefix), nullptr);
+	bool ok = read_exact(fd, prefix, sizeof(prefix));
 	if (ok) {
 		memcpy(&hdr, prefix, sizeof(hdr));
 		memcpy(&raw, prefix + sizeof(hdr), 4);
@@ -500,7 +456,7 @@ int ubus_reconnect(struct ubus_context *ctx, const char *path)
 	}
 	if (ok && raw > 4) {
 		void *rest = malloc(raw - 4);
-		ok = rest && read_exact(fd, rest, raw - 4, nullptr);
+		ok = rest && read_exact(fd, rest, raw - 4);
 		free(rest);
 	}
 	if (!ok) {

@@ -13,37 +13,14 @@
 #include <unordered_map>
 #include <vector>
 
+#include <ubus_common.h>
+#include <ubusmsg.h>
+
 namespace ubusd {
 
-// Wire constants (the numbering is fixed by the protocol).
-enum MsgType : uint8_t {
-	MSG_HELLO, MSG_STATUS, MSG_DATA, MSG_PING, MSG_LOOKUP, MSG_INVOKE, MSG_ADD_OBJECT, MSG_REMOVE_OBJECT,
-	MSG_SUBSCRIBE, MSG_UNSUBSCRIBE, MSG_NOTIFY, MSG_MONITOR, MSG_LAST,
-};
-
-enum Attr : uint8_t {
-	ATTR_UNSPEC, ATTR_STATUS, ATTR_OBJPATH, ATTR_OBJID, ATTR_METHOD, ATTR_OBJTYPE, ATTR_SIGNATURE, ATTR_DATA,
-	ATTR_TARGET, ATTR_ACTIVE, ATTR_NO_REPLY, ATTR_SUBSCRIBERS, ATTR_USER, ATTR_GROUP, ATTR_MAX,
-};
-
-enum MonitorAttr : uint8_t {
-	MONITOR_CLIENT, MONITOR_PEER, MONITOR_SEND, MONITOR_SEQ, MONITOR_TYPE, MONITOR_DATA,
-};
-
-enum Status : int32_t {
-	STATUS_OK, STATUS_INVALID_COMMAND, STATUS_INVALID_ARGUMENT, STATUS_METHOD_NOT_FOUND, STATUS_NOT_FOUND,
-	STATUS_NO_DATA, STATUS_PERMISSION_DENIED, STATUS_TIMEOUT, STATUS_NOT_SUPPORTED, STATUS_UNKNOWN_ERROR,
-	STATUS_CONNECTION_FAILED, STATUS_NO_MEMORY, STATUS_PARSE_ERROR, STATUS_SYSTEM_ERROR,
-};
-
-constexpr uint32_t kObjectEvent = 1;
-constexpr uint32_t kObjectAcl = 2;
-constexpr uint32_t kObjectMonitor = 3;
-constexpr uint32_t kFirstDynamicId = 1024;
-
-constexpr size_t kHeaderLen = 8;		// version, type, seq, peer
-constexpr size_t kPrefixLen = kHeaderLen + 4;	// plus the container's blob header
-constexpr size_t kMaxMsgLen = 1048576;		// limit on the container's padded length
+// The wire format (message types, attributes, statuses, system object ids) is the one of ubusmsg.h.
+constexpr size_t kHeaderLen = sizeof(ubus_msghdr);		// version, type, seq, peer
+constexpr size_t kPrefixLen = kHeaderLen + sizeof(blob_attr);	// plus the container's blob header
 constexpr size_t kMaxTxQueue = 1048576;		// per client; messages beyond it are dropped
 
 // One complete outgoing message and the descriptor that travels with it (-1 for none).
@@ -90,13 +67,13 @@ struct Message {
 	uint32_t peer = 0;
 	const uint8_t *frame = nullptr;		// the whole message as received
 	size_t frame_len = 0;
-	const uint8_t *attr[ATTR_MAX] = {};	// payload of each attribute, nullptr when absent or malformed
-	size_t attr_len[ATTR_MAX] = {};
+	const uint8_t *attr[UBUS_ATTR_MAX] = {};	// payload of each attribute, nullptr when absent or malformed
+	size_t attr_len[UBUS_ATTR_MAX] = {};
 	int fd = -1;
 
-	bool has(Attr a) const { return attr[a] != nullptr; }
-	uint32_t u32(Attr a) const;
-	const char *str(Attr a) const { return reinterpret_cast<const char *>(attr[a]); }
+	bool has(int a) const { return attr[a] != nullptr; }
+	uint32_t u32(int a) const;
+	const char *str(int a) const { return reinterpret_cast<const char *>(attr[a]); }
 };
 
 // Splits a complete message (header, container) into a Message. Returns false when the container length is
