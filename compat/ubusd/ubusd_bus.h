@@ -13,14 +13,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include <ubus_common.h>
-#include <ubusmsg.h>
+#include "ubusd_blob.h"
 
 namespace ubusd {
 
-// The wire format (message types, attributes, statuses, system object ids) is the one of ubusmsg.h.
-constexpr size_t kHeaderLen = sizeof(ubus_msghdr);		// version, type, seq, peer
-constexpr size_t kPrefixLen = kHeaderLen + sizeof(blob_attr);	// plus the container's blob header
 constexpr size_t kMaxTxQueue = 1048576;		// per client; messages beyond it are dropped
 
 // One complete outgoing message and the descriptor that travels with it (-1 for none).
@@ -59,30 +55,6 @@ struct Object {
 	std::vector<uint32_t> subscribers;	// subscriber objects watching this one
 	std::vector<uint32_t> targets;		// objects this (subscriber) object watches
 };
-
-// A view of one received message: the header fields and the protocol attributes found in the container.
-struct Message {
-	uint8_t version = 0, type = 0;
-	uint16_t seq = 0;
-	uint32_t peer = 0;
-	const uint8_t *frame = nullptr;		// the whole message as received
-	size_t frame_len = 0;
-	const uint8_t *attr[UBUS_ATTR_MAX] = {};	// payload of each attribute, nullptr when absent or malformed
-	size_t attr_len[UBUS_ATTR_MAX] = {};
-	int fd = -1;
-
-	bool has(int a) const { return attr[a] != nullptr; }
-	uint32_t u32(int a) const;
-	const char *str(int a) const { return reinterpret_cast<const char *>(attr[a]); }
-};
-
-// Splits a complete message (header, container) into a Message. Returns false when the container length is
-// impossible (shorter than a blob header, longer than the buffer, or above the message limit).
-bool parse_message(const uint8_t *frame, size_t len, Message &out);
-
-// Length of the whole message announced by a 12-byte prefix, or 0 when the announced container is too short or
-// too long to be accepted.
-size_t frame_length(const uint8_t *prefix);
 
 class Bus {
 public:
