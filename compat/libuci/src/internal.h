@@ -13,6 +13,8 @@
 #include <string_view>
 #include <vector>
 
+struct stat;
+
 namespace uci_impl {
 
 // An error raised anywhere inside the library; the public entry points turn it into a return code.
@@ -160,6 +162,56 @@ bool read_delta_lines(FILE *f, std::string_view package, const std::function<voi
 
 // Frees the state of uci_parse_argument.
 void free_argument_state(uci_context *ctx);
+
+// ---- export (export.cpp) ----
+
+// Where export text goes: collected in a buffer that is handed to the sink whenever it holds 64 KiB, so
+// that a large package is never held as text in memory as a whole.
+class Output {
+public:
+	explicit Output(std::function<void(const std::string &)> sink) : sink_(std::move(sink)) { buf_.reserve(kChunk + 4096); }
+	std::string &text() { return buf_; }
+	// Passes a full buffer on; call after each line.
+	void line_done()
+	{
+		if (buf_.size() >= kChunk)
+			flush();
+	}
+	void flush()
+	{
+		if (!buf_.empty())
+			sink_(buf_);
+		buf_.clear();
+	}
+
+private:
+	static constexpr size_t kChunk = 65536;
+	std::function<void(const std::string &)> sink_;
+	std::string buf_;
+};
+
+
+// Writes p in the format of a committed file, with a "package NAME" line first when header is set.
+void export_package(Output &output, uci_context *ctx, uci_package *p, bool header);
+// The line a delta file holds for d (with its newline).
+std::string delta_text(const uci_delta *d, const char *package);
+
+// ---- the commit journal (journal.cpp) ----
+
+// Bytes at the start of the delta file DIR/PKG (open as fd) that a finished commit already folded into the
+// config file whose status is *config.
+long committed_prefix(const std::string &dir, const char *pkg, const struct stat *config, int fd);
+// Finishes or discards an interrupted commit (exclusive locks held): drops the consumed part of the delta file if
+// the rename happened, then removes the journal and any temporary file left behind.
+void recover_journal(const std::string &dir, const char *pkg, const std::string &config_path);
+// Removes temporary files of earlier commits of pkg that were cut off before their journal was written.
+void drop_stale_temps(const std::string &dir, const char *pkg);
+// Records, before the rename, that the temporary file temp (open as tfd) folds in the first `consumed` bytes of
+// the delta file open as dfd. On failure the temporary file is removed.
+void write_journal(const std::string &savedir, const char *pkg, const std::string &temp, int tfd, int dfd,
+	size_t consumed);
+// After the rename: empties the delta file and deletes the journal.
+void finish_journal(const std::string &savedir, const char *pkg, int dfd);
 
 // ---- files (file.cpp) ----
 
