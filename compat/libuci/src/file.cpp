@@ -321,20 +321,21 @@ void commit_with_deltas(uci_context *ctx, uci_package **pp, bool overwrite)
 
 	if (!overwrite)
 		save_deltas_impl(ctx, p);
-	recover_journal(ctx->savedir, pkg.c_str(), path);
+	struct stat cst;
+	if (fstat(cfd.get(), &cst) < 0)
+		fail(UCI_ERR_IO);
+	mode = cst.st_mode & 07777;
+	drop_unfinished_temps(ctx->savedir, pkg.c_str(), &cst);
 	drop_stale_temps(dir_of(path), pkg.c_str());
 
 	Fd dfd(open(join(ctx->savedir, pkg).c_str(), O_RDWR | O_CLOEXEC));
 	if (dfd.get() >= 0)
 		lock_fd(dfd.get(), LOCK_EX);
+	else
+		remove_journal(ctx->savedir, pkg.c_str());
 	struct stat dst{};
 	if (dfd.get() >= 0 && fstat(dfd.get(), &dst) < 0)
 		fail(UCI_ERR_IO);
-
-	struct stat cst;
-	if (fstat(cfd.get(), &cst) < 0)
-		fail(UCI_ERR_IO);
-	mode = cst.st_mode & 07777;
 
 	uci_package *target = p;
 	int applied;
@@ -361,7 +362,7 @@ void commit_with_deltas(uci_context *ctx, uci_package **pp, bool overwrite)
 	Fd tfd(write_temp(path, ctx, target, mode, temp));
 
 	if (dfd.get() >= 0)
-		write_journal(ctx->savedir, pkg.c_str(), temp, tfd.get(), dfd.get(), static_cast<size_t>(dst.st_size));
+		write_journal(ctx->savedir, pkg.c_str(), temp, tfd.get(), dfd.get(), static_cast<size_t>(dst.st_size), cst);
 	tfd.reset();
 	replace_config(temp, path);
 
@@ -369,14 +370,16 @@ void commit_with_deltas(uci_context *ctx, uci_package **pp, bool overwrite)
 		finish_journal(ctx->savedir, pkg.c_str(), dfd.get());
 }
 
-// Rewrites the delta file open on fd without the lines `drop` selects. A file holding a line this reader cannot
-// parse is left alone.
-void drop_delta_lines(int fd, const std::string &pkg, const std::function<bool(const DeltaLine &)> &drop)
+// Rewrites the delta file open on fd without its first `skip` bytes and without the lines `drop` selects. A file
+// holding a line this reader cannot parse is left alone (false).
+bool drop_delta_lines(int fd, const std::string &pkg, long skip, const std::function<bool(const DeltaLine &)> &drop)
 {
 	std::string kept;
 	bool well_formed;
 	{
 		Stream f(fd);
+		if (fseek(f.get(), skip, SEEK_SET) != 0)
+			fail(UCI_ERR_IO);
 		well_formed = read_delta_lines(f.get(), pkg, [&](const DeltaLine &line) {
 			if (drop(line))
 				return;
@@ -389,9 +392,10 @@ void drop_delta_lines(int fd, const std::string &pkg, const std::function<bool(c
 		});
 	}
 	if (!well_formed)
-		return;
+		return false;
 	rewrite(fd, kept);
 	fdatasync(fd);
+	return true;
 }
 
 }  // namespace
@@ -512,16 +516,23 @@ int uci_revert(struct uci_context *ctx, struct uci_ptr *ptr)
 		ptr->option = nullptr;
 
 		{
+			// The lines a finished commit folded in go together with the reverted ones.
 			DirLock dir(dir_of(path), LOCK_EX);
-			recover_journal(ctx->savedir, pkg.c_str(), path);
+			struct stat cst;
+			const struct stat *config = stat(path.c_str(), &cst) == 0 ? &cst : nullptr;
+			drop_unfinished_temps(ctx->savedir, pkg.c_str(), config);
 			Fd dfd(open(join(ctx->savedir, pkg).c_str(), O_RDWR | O_CLOEXEC));
+			bool rewritten = true;
 			if (dfd.get() >= 0) {
 				lock_fd(dfd.get(), LOCK_EX);
-				drop_delta_lines(dfd.get(), pkg, [&](const DeltaLine &line) {
+				long folded = committed_prefix(ctx->savedir, pkg.c_str(), config, dfd.get());
+				rewritten = drop_delta_lines(dfd.get(), pkg, folded, [&](const DeltaLine &line) {
 					return (!by_section || line.section == section) &&
 						(!by_option || (line.has_option && line.option == option));
 				});
 			}
+			if (rewritten)
+				remove_journal(ctx->savedir, pkg.c_str());
 		}
 		ptr->p = load_package(ctx, pkg.c_str(), true);
 		ptr->package = ptr->p->e.name;

@@ -198,20 +198,21 @@ std::string delta_text(const uci_delta *d, const char *package);
 
 // ---- the commit journal (journal.cpp) ----
 
-// Bytes at the start of the delta file DIR/PKG (open as fd) that a finished commit already folded into the
-// config file whose status is *config.
+// Bytes at the start of the delta file DIR/PKG (open as fd) that the commit which produced the config file whose
+// status is *config already folded in (0 when none).
 long committed_prefix(const std::string &dir, const char *pkg, const struct stat *config, int fd);
-// Finishes or discards an interrupted commit (exclusive locks held): drops the consumed part of the delta file if
-// the rename happened, then removes the journal and any temporary file left behind.
-void recover_journal(const std::string &dir, const char *pkg, const std::string &config_path);
+// Removes the temporary files of journalled commits that never replaced the config (*config).
+void drop_unfinished_temps(const std::string &dir, const char *pkg, const struct stat *config);
 // Removes temporary files of earlier commits of pkg that were cut off before their journal was written.
 void drop_stale_temps(const std::string &dir, const char *pkg);
 // Records, before the rename, that the temporary file temp (open as tfd) folds in the first `consumed` bytes of
-// the delta file open as dfd. On failure the temporary file is removed.
+// the delta file open as dfd, keeping the record in force for the current config. On failure the temporary file
+// is removed.
 void write_journal(const std::string &savedir, const char *pkg, const std::string &temp, int tfd, int dfd,
-	size_t consumed);
+	size_t consumed, const struct stat &config);
 // After the rename: empties the delta file and deletes the journal.
 void finish_journal(const std::string &savedir, const char *pkg, int dfd);
+void remove_journal(const std::string &savedir, const char *pkg);
 
 // ---- files (file.cpp) ----
 

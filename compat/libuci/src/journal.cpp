@@ -1,10 +1,14 @@
-// The commit journal: SAVEDIR/.PKG.uci-commit records, before a commit renames its new file over the config,
+// The commit journal, SAVEDIR/.PKG.uci-commit. Before a commit renames its new file over the config it records
 // which file that commit produced (inode, size, modification time, temporary name), how many bytes of the delta
-// file it consumed and the FNV-1a 64-bit fingerprint of those bytes. A crash between the rename and the emptying
-// of the delta file then applies nothing twice: a load that finds the journal, the produced file in place and the
-// delta file still starting with those bytes skips them, and the next commit or revert drops them for good and
-// deletes the journal. The fingerprint covers a crash after the emptying but before the deletion of the journal:
-// the delta file then holds only changes saved since, which must not be skipped.
+// file it consumed and the FNV-1a 64-bit fingerprint of those bytes. A load that finds the produced file in place
+// and the delta file still starting with those bytes skips them, so a crash between the rename and the emptying of
+// the delta file applies nothing twice. The fingerprint covers a crash after the emptying but before the deletion
+// of the journal: the delta file then holds only changes saved since, which must not be skipped.
+//
+// The delta file is never cut in place to drop a folded-in prefix (a crash between the truncation and the
+// rewrite would lose the changes after it). The next commit folds in the rest of the file too and empties it as a
+// whole; until its rename the config is still the file of the previous record, so its journal, which replaces the
+// old one by a rename, keeps that record as a second line.
 #include "fsutil.h"
 #include "internal.h"
 
@@ -21,7 +25,8 @@ namespace uci_impl {
 
 namespace {
 
-struct Journal {
+// One line of the journal: a commit's produced file and the delta bytes it folded in.
+struct Record {
 	unsigned long long ino = 0, size = 0, mtime_s = 0, mtime_ns = 0, consumed = 0, fingerprint = 0;
 	std::string temp;
 };
@@ -44,77 +49,71 @@ std::string hex(unsigned long long v)
 	return text;
 }
 
-// True when the delta file (its first bytes in `head`) still starts with what the journal's commit consumed.
-bool still_holds_consumed(const Journal &j, std::string_view head)
-{
-	return head.size() >= j.consumed && fingerprint(head.substr(0, j.consumed)) == j.fingerprint;
-}
-
 std::string journal_path(const std::string &dir, const char *pkg) { return join(dir, std::string(".") + pkg + ".uci-commit"); }
 
-bool read_journal(const std::string &dir, const char *pkg, Journal &j)
+std::vector<Record> read_journal(const std::string &dir, const char *pkg)
 {
+	std::vector<Record> records;
 	FILE *f = fopen(journal_path(dir, pkg).c_str(), "re");
 	if (!f)
-		return false;
-	char temp[PATH_MAX + 1] = "";
-	int n = fscanf(f, "%llu %llu %llu %llu %llu %4096s %llx", &j.ino, &j.size, &j.mtime_s, &j.mtime_ns, &j.consumed,
-		       temp, &j.fingerprint);
+		return records;
+	for (;;) {
+		Record r;
+		char temp[PATH_MAX + 1] = "";
+		if (fscanf(f, "%llu %llu %llu %llu %llu %4096s %llx", &r.ino, &r.size, &r.mtime_s, &r.mtime_ns,
+			   &r.consumed, temp, &r.fingerprint) != 7)
+			break;
+		r.temp = temp;
+		records.push_back(r);
+	}
 	fclose(f);
-	if (n < 7)
-		return false;
-	j.temp = temp;
-	return true;
+	return records;
 }
 
-// True when the journal describes the file in st: that commit's rename took place.
-bool journal_done(const Journal &j, const struct stat &st)
+std::string record_line(const Record &r)
 {
-	return static_cast<unsigned long long>(st.st_ino) == j.ino &&
-		static_cast<unsigned long long>(st.st_size) == j.size &&
-		static_cast<unsigned long long>(st.st_mtim.tv_sec) == j.mtime_s &&
-		static_cast<unsigned long long>(st.st_mtim.tv_nsec) == j.mtime_ns;
+	return std::to_string(r.ino) + " " + std::to_string(r.size) + " " + std::to_string(r.mtime_s) + " " +
+		std::to_string(r.mtime_ns) + " " + std::to_string(r.consumed) + " " + r.temp + " " + hex(r.fingerprint) +
+		"\n";
+}
+
+// True when the record describes the file in st: that commit's rename took place.
+bool renamed(const Record &r, const struct stat &st)
+{
+	return static_cast<unsigned long long>(st.st_ino) == r.ino &&
+		static_cast<unsigned long long>(st.st_size) == r.size &&
+		static_cast<unsigned long long>(st.st_mtim.tv_sec) == r.mtime_s &&
+		static_cast<unsigned long long>(st.st_mtim.tv_nsec) == r.mtime_ns;
+}
+
+// The record whose commit produced the config in *config and whose bytes the delta file (open as fd) still
+// starts with, or nullptr.
+const Record *in_force(const std::vector<Record> &records, const struct stat *config, int fd)
+{
+	for (const Record &r : records) {
+		if (!config || !renamed(r, *config))
+			continue;
+		std::string head = read_prefix(fd, r.consumed);
+		if (head.size() == r.consumed && fingerprint(head) == r.fingerprint)
+			return &r;
+	}
+	return nullptr;
 }
 
 }  // namespace
 
-// Bytes at the start of the delta file DIR/PKG (open as fd) that a finished commit already folded into the
-// config file.
 long committed_prefix(const std::string &dir, const char *pkg, const struct stat *config, int fd)
 {
-	Journal j;
-	if (!config || !read_journal(dir, pkg, j) || !journal_done(j, *config) ||
-	    !still_holds_consumed(j, read_prefix(fd, j.consumed)))
-		return 0;
-	return static_cast<long>(j.consumed);
+	const std::vector<Record> records = read_journal(dir, pkg);
+	const Record *r = in_force(records, config, fd);
+	return r ? static_cast<long>(r->consumed) : 0;
 }
 
-// Finishes or discards an interrupted commit (exclusive locks held): drops the consumed part of the delta
-// file if the rename happened, then removes the journal and any temporary file left behind.
-void recover_journal(const std::string &dir, const char *pkg, const std::string &config_path)
+void drop_unfinished_temps(const std::string &dir, const char *pkg, const struct stat *config)
 {
-	Journal j;
-	if (!read_journal(dir, pkg, j)) {
-		unlink(journal_path(dir, pkg).c_str());
-		return;
-	}
-	struct stat st;
-	if (stat(config_path.c_str(), &st) == 0 && journal_done(j, st)) {
-		Fd d(open(join(dir, pkg).c_str(), O_RDWR | O_CLOEXEC));
-		if (d.get() >= 0) {
-			lock_fd(d.get(), LOCK_EX);
-			std::string rest = read_all(d.get());
-			if (still_holds_consumed(j, rest)) {
-				rest.erase(0, j.consumed);
-				rewrite(d.get(), rest);
-				fsync(d.get());
-			}
-		}
-	} else if (!j.temp.empty()) {
-		unlink(j.temp.c_str());
-	}
-	unlink(journal_path(dir, pkg).c_str());
-	sync_dir(dir);
+	for (const Record &r : read_journal(dir, pkg))
+		if (!config || !renamed(r, *config))
+			unlink(r.temp.c_str());
 }
 
 // Removes the temporary files of earlier commits of pkg that were cut off before their journal was written (a
@@ -140,23 +139,38 @@ void drop_stale_temps(const std::string &dir, const char *pkg)
 }
 
 void write_journal(const std::string &savedir, const char *pkg, const std::string &temp, int tfd, int dfd,
-	size_t consumed)
+	size_t consumed, const struct stat &config)
 {
 	struct stat tst;
 	if (fstat(tfd, &tst) < 0) {
 		unlink(temp.c_str());
 		fail(UCI_ERR_IO);
 	}
-	std::string j = std::to_string(tst.st_ino) + " " + std::to_string(tst.st_size) + " " +
-		std::to_string(tst.st_mtim.tv_sec) + " " + std::to_string(tst.st_mtim.tv_nsec) + " " +
-		std::to_string(consumed) + " " + temp + " " + hex(fingerprint(read_prefix(dfd, consumed))) + "\n";
-	Fd jfd(open(journal_path(savedir, pkg).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+	Record r;
+	r.ino = tst.st_ino;
+	r.size = static_cast<unsigned long long>(tst.st_size);
+	r.mtime_s = static_cast<unsigned long long>(tst.st_mtim.tv_sec);
+	r.mtime_ns = static_cast<unsigned long long>(tst.st_mtim.tv_nsec);
+	r.consumed = consumed;
+	r.temp = temp;
+	r.fingerprint = fingerprint(read_prefix(dfd, consumed));
+	std::string text = record_line(r);
+	const std::vector<Record> old = read_journal(savedir, pkg);
+	if (const Record *prev = in_force(old, &config, dfd))
+		text += record_line(*prev);
+
+	std::string path = journal_path(savedir, pkg);
+	std::string next = path + ".new";
+	Fd jfd(open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
 	if (jfd.get() < 0) {
 		unlink(temp.c_str());
 		fail(UCI_ERR_IO);
 	}
-	write_all(jfd.get(), j);
-	fsync(jfd.get());
+	write_all(jfd.get(), text);
+	if (fsync(jfd.get()) < 0 || rename(next.c_str(), path.c_str()) < 0) {
+		unlink(temp.c_str());
+		fail(UCI_ERR_IO);
+	}
 	sync_dir(savedir);
 }
 
@@ -166,6 +180,11 @@ void finish_journal(const std::string &savedir, const char *pkg, int dfd)
 	if (ftruncate(dfd, 0) < 0)
 		fail(UCI_ERR_IO);
 	fsync(dfd);
+	remove_journal(savedir, pkg);
+}
+
+void remove_journal(const std::string &savedir, const char *pkg)
+{
 	unlink(journal_path(savedir, pkg).c_str());
 }
 
