@@ -98,6 +98,13 @@ void Bus::remove_client(Client *cl)
 	clients_.erase(cl->id);
 }
 
+int32_t Bus::ownership(const Client &cl, const Object *obj)
+{
+	if (!obj)
+		return UBUS_STATUS_NOT_FOUND;
+	return obj->owner == &cl ? UBUS_STATUS_OK : UBUS_STATUS_PERMISSION_DENIED;
+}
+
 void Bus::queue(Client &cl, std::vector<uint8_t> bytes, int fd)
 {
 	if (!cl.txq.empty() && cl.txq_bytes + bytes.size() > kMaxTxQueue) {
@@ -320,12 +327,8 @@ void Bus::handle_remove_object(Client &cl, const Message &m)
 		return;
 	}
 	Object *obj = object(m.u32(UBUS_ATTR_OBJID));
-	if (!obj) {
-		send_status(cl, m, UBUS_STATUS_NOT_FOUND);
-		return;
-	}
-	if (obj->owner != &cl) {
-		send_status(cl, m, UBUS_STATUS_PERMISSION_DENIED);
+	if (int32_t status = ownership(cl, obj)) {
+		send_status(cl, m, status);
 		return;
 	}
 	uint32_t id = obj->id;
@@ -406,14 +409,21 @@ void Bus::handle_invoke(Client &cl, const Message &m)
 		send_status(cl, m, UBUS_STATUS_NOT_FOUND);
 		return;
 	}
-	Builder b(UBUS_MSG_INVOKE, m.seq, cl.id);
-	b.put_u32(UBUS_ATTR_OBJID, id);
+	queue(*obj->owner, invoke_message(cl, m, id, false), fd);
+}
+
+std::vector<uint8_t> Bus::invoke_message(const Client &caller, const Message &m, uint32_t objid, bool no_reply)
+{
+	Builder b(UBUS_MSG_INVOKE, m.seq, caller.id);
+	b.put_u32(UBUS_ATTR_OBJID, objid);
 	b.put_string(UBUS_ATTR_METHOD, m.str(UBUS_ATTR_METHOD));
-	b.put_string(UBUS_ATTR_USER, cl.user);
-	b.put_string(UBUS_ATTR_GROUP, cl.group);
+	b.put_string(UBUS_ATTR_USER, caller.user);
+	b.put_string(UBUS_ATTR_GROUP, caller.group);
+	if (no_reply)
+		b.put_u8(UBUS_ATTR_NO_REPLY, 1);
 	if (m.has(UBUS_ATTR_DATA))
 		b.put(UBUS_ATTR_DATA, m.attr[UBUS_ATTR_DATA], m.attr_len[UBUS_ATTR_DATA]);
-	queue(*obj->owner, b.finish(), fd);
+	return b.finish();
 }
 
 void Bus::handle_reply(Client &cl, const Message &m)

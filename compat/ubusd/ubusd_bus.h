@@ -90,6 +90,12 @@ private:
 	uint32_t random_u32();
 	template <class Map> uint32_t new_id(const Map &taken);
 
+	// UBUS_STATUS_OK when obj exists and belongs to cl, else NOT_FOUND or PERMISSION_DENIED.
+	static int32_t ownership(const Client &cl, const Object *obj);
+
+	// The INVOKE that carries the call (or notification) m of caller to the object objid.
+	static std::vector<uint8_t> invoke_message(const Client &caller, const Message &m, uint32_t objid, bool no_reply);
+
 	void queue(Client &cl, std::vector<uint8_t> bytes, int fd = -1);
 	void send_status(Client &cl, const Message &req, int32_t status);
 	void monitor(Client &cl, bool send, const uint8_t *frame, size_t len);

@@ -53,12 +53,8 @@ void Bus::handle_subscribe(Client &cl, const Message &m, bool subscribe)
 	}
 	Object *sub = object(m.u32(UBUS_ATTR_OBJID));
 	Object *target = object(m.u32(UBUS_ATTR_TARGET));
-	if (!sub || !target) {
-		send_status(cl, m, UBUS_STATUS_NOT_FOUND);
-		return;
-	}
-	if (sub->owner != &cl) {
-		send_status(cl, m, UBUS_STATUS_PERMISSION_DENIED);
+	if (int32_t status = target ? ownership(cl, sub) : int32_t(UBUS_STATUS_NOT_FOUND)) {
+		send_status(cl, m, status);
 		return;
 	}
 	bool already = std::find(sub->targets.begin(), sub->targets.end(), target->id) != sub->targets.end();
@@ -98,12 +94,8 @@ void Bus::handle_notify(Client &cl, const Message &m)
 		send_status(cl, m, UBUS_STATUS_INVALID_ARGUMENT);
 		return;
 	}
-	if (!obj) {
-		send_status(cl, m, UBUS_STATUS_NOT_FOUND);
-		return;
-	}
-	if (obj->owner != &cl) {
-		send_status(cl, m, UBUS_STATUS_PERMISSION_DENIED);
+	if (int32_t status = ownership(cl, obj)) {
+		send_status(cl, m, status);
 		return;
 	}
 	bool no_reply = m.has(UBUS_ATTR_NO_REPLY) && m.attr[UBUS_ATTR_NO_REPLY][0];
@@ -121,16 +113,7 @@ void Bus::handle_notify(Client &cl, const Message &m)
 		Object *sub = object(sid);
 		if (!sub)
 			continue;
-		Builder b(UBUS_MSG_INVOKE, m.seq, cl.id);
-		b.put_u32(UBUS_ATTR_OBJID, sid);
-		b.put_string(UBUS_ATTR_METHOD, m.str(UBUS_ATTR_METHOD));
-		b.put_string(UBUS_ATTR_USER, cl.user);
-		b.put_string(UBUS_ATTR_GROUP, cl.group);
-		if (no_reply)
-			b.put_u8(UBUS_ATTR_NO_REPLY, 1);
-		if (m.has(UBUS_ATTR_DATA))
-			b.put(UBUS_ATTR_DATA, m.attr[UBUS_ATTR_DATA], m.attr_len[UBUS_ATTR_DATA]);
-		queue(*sub->owner, b.finish());
+		queue(*sub->owner, invoke_message(cl, m, sid, no_reply));
 	}
 }
 
@@ -182,13 +165,10 @@ int32_t Bus::handle_event_call(Client &cl, const Message &m)
 	std::string pat(reinterpret_cast<const char *>(pattern->value));
 	if (oid < UBUS_SYSTEM_OBJECT_MAX || pat.empty())
 		return UBUS_STATUS_PERMISSION_DENIED;
-	Object *obj = object(oid);
-	if (!obj)
-		return UBUS_STATUS_NOT_FOUND;
-	if (obj->owner != &cl)
-		return UBUS_STATUS_PERMISSION_DENIED;
-	listeners_.emplace(oid, pat);
-	return UBUS_STATUS_OK;
+	int32_t status = ownership(cl, object(oid));
+	if (status == UBUS_STATUS_OK)
+		listeners_.emplace(oid, pat);
+	return status;
 }
 
 int32_t Bus::handle_monitor_call(Client &cl, const Message &m)

@@ -154,13 +154,17 @@ int cmd_show(const std::vector<std::string> &args)
 	return 0;
 }
 
+// Looks up a tuple that must not carry a value (get, revert); false when the lookup failed or a value was given.
+bool lookup_without_value(uci_ptr &ptr, std::string &buf)
+{
+	return lookup(ptr, buf) && !ptr.value;
+}
+
 int cmd_get(const std::vector<std::string> &args)
 {
 	std::string buf = args[0];
 	uci_ptr ptr{};
-	if (!lookup(ptr, buf))
-		return 1;
-	if (ptr.value)
+	if (!lookup_without_value(ptr, buf))
 		return 1;
 	if (!(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE))
 		return report_code(UCI_ERR_NOTFOUND);
@@ -240,9 +244,7 @@ int cmd_revert(const std::vector<std::string> &args)
 {
 	std::string buf = args[0];
 	uci_ptr ptr{};
-	if (!lookup(ptr, buf))
-		return 1;
-	if (ptr.value)
+	if (!lookup_without_value(ptr, buf))
 		return 1;
 	if (uci_revert(ctx, &ptr) != UCI_OK) {
 		report();

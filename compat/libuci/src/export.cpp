@@ -27,6 +27,13 @@ void append_quoted(std::string &out, std::string_view v)
 	out += '\'';
 }
 
+// A keyword and a word written unquoted (a package name, a section type, an option name).
+void append_word(std::string &out, const char *keyword, std::string_view word)
+{
+	out += keyword;
+	append_escaped(out, word);
+}
+
 std::string quoted(std::string_view v)
 {
 	std::string r;
@@ -38,8 +45,7 @@ std::string quoted(std::string_view v)
 void value_line(Output &output, const char *keyword, std::string_view name, std::string_view value)
 {
 	std::string &out = output.text();
-	out += keyword;
-	append_escaped(out, name);
+	append_word(out, keyword, name);
 	out += ' ';
 	append_quoted(out, value);
 	out += '\n';
@@ -52,15 +58,13 @@ void export_package(Output &output, uci_context *ctx, uci_package *p, bool heade
 {
 	std::string &out = output.text();
 	if (header) {
-		out += "package ";
-		append_escaped(out, p->e.name);
+		append_word(out, "package ", p->e.name);
 		out += '\n';
 	}
 	uci_element *se;
 	uci_foreach_element(&p->sections, se) {
 		uci_section *s = uci_to_section(se);
-		out += "\nconfig ";
-		append_escaped(out, s->type);
+		append_word(out, "\nconfig ", s->type);
 		if (!s->anonymous || (ctx->flags & UCI_FLAG_EXPORT_NAME)) {
 			out += ' ';
 			append_quoted(out, s->e.name);

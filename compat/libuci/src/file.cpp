@@ -276,20 +276,31 @@ void replace_config(const std::string &temp, const std::string &path)
 		sync_dir(dir_of(target));
 }
 
+// The exclusive locks of a writer of the config file at path: its directory's, then the file's (created when
+// missing). st is the file's status once locked.
+struct WriteLock {
+	DirLock dir;
+	Fd fd;
+	struct stat st;
+
+	explicit WriteLock(const std::string &path) : dir(dir_of(path), LOCK_EX)
+	{
+		fd.reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, file_mode(path, UCI_FILEMODE)));
+		if (fd.get() < 0)
+			fail(UCI_ERR_IO);
+		lock_fd(fd.get(), LOCK_EX);
+		if (fstat(fd.get(), &st) < 0)
+			fail(UCI_ERR_IO);
+	}
+	mode_t mode() const { return st.st_mode & 07777; }
+};
+
 // A package without deltas (loaded by path, or imported) is written as it is.
 void write_tree(uci_context *ctx, uci_package *p, const std::string &path)
 {
-	DirLock dir(dir_of(path), LOCK_EX);
-	mode_t mode = file_mode(path, UCI_FILEMODE);
-	Fd cfd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, mode));
-	if (cfd.get() < 0)
-		fail(UCI_ERR_IO);
-	lock_fd(cfd.get(), LOCK_EX);
-	struct stat st;
-	if (fstat(cfd.get(), &st) == 0)
-		mode = st.st_mode & 07777;
+	WriteLock lock(path);
 	std::string temp;
-	Fd tfd(write_temp(path, ctx, p, mode, temp));
+	Fd tfd(write_temp(path, ctx, p, lock.mode(), temp));
 	tfd.reset();
 	replace_config(temp, path);
 }
@@ -312,19 +323,10 @@ void commit_with_deltas(uci_context *ctx, uci_package **pp, bool overwrite)
 	src.by_name = true;
 	src.conf2 = p->uses_conf2;
 
-	DirLock dir(dir_of(path), LOCK_EX);
-	mode_t mode = file_mode(path, UCI_FILEMODE);
-	Fd cfd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, mode));
-	if (cfd.get() < 0)
-		fail(UCI_ERR_IO);
-	lock_fd(cfd.get(), LOCK_EX);
-
+	WriteLock lock(path);
 	if (!overwrite)
 		save_deltas_impl(ctx, p);
-	struct stat cst;
-	if (fstat(cfd.get(), &cst) < 0)
-		fail(UCI_ERR_IO);
-	mode = cst.st_mode & 07777;
+	const struct stat &cst = lock.st;
 	drop_unfinished_temps(ctx->savedir, pkg.c_str(), &cst);
 	drop_stale_temps(dir_of(path), pkg.c_str());
 
@@ -342,9 +344,9 @@ void commit_with_deltas(uci_context *ctx, uci_package **pp, bool overwrite)
 	if (overwrite) {
 		applied = apply_delta_files(ctx, p, &cst, dfd.get());
 	} else {
-		if (lseek(cfd.get(), 0, SEEK_SET) < 0)
+		if (lseek(lock.fd.get(), 0, SEEK_SET) < 0)
 			fail(UCI_ERR_IO);
-		uci_package *np = parse_file(ctx, cfd.get(), src);
+		uci_package *np = parse_file(ctx, lock.fd.get(), src);
 		try {
 			applied = apply_delta_files(ctx, np, &cst, dfd.get());
 		} catch (...) {
@@ -359,7 +361,7 @@ void commit_with_deltas(uci_context *ctx, uci_package **pp, bool overwrite)
 		return;
 
 	std::string temp;
-	Fd tfd(write_temp(path, ctx, target, mode, temp));
+	Fd tfd(write_temp(path, ctx, target, lock.mode(), temp));
 
 	if (dfd.get() >= 0)
 		write_journal(ctx->savedir, pkg.c_str(), temp, tfd.get(), dfd.get(), static_cast<size_t>(dst.st_size), cst);
