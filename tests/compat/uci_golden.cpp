@@ -1,10 +1,10 @@
-// Golden transcripts of the uci tool. Every folder of data/uci/golden holds:
-//   conf/        config files copied into a fresh config directory
-//   save/        (optional) delta files copied into a fresh save directory
-//   script       one uci command per line, arguments separated by blanks (options before the command)
-//   transcript   the expected session: "$ ARGS", then stdout, then "! " + each stderr line, then
-//                "[exit N]" when the exit code is not 0
-//   expect-conf/ expect-save/   (optional) the exact files expected in the directories afterwards
+// Transcripts of the uci tool, one folder per case in data/uci/golden: conf/ and save/ (optional) are copied into
+// a fresh config and save directory, and `transcript` is the session, in the form of a cram file:
+//   $ ARGS        a uci run (-c, -t and -C '' are added; ARGS split on blanks), or `$ cat conf/F` / `$ cat save/F`
+//   > LINE        a line of its standard input
+//   then its standard output, "! " before each line of standard error, "[exit N]" when the exit code is not 0.
+// The test runs every command and compares the session it gets with the file as a whole. With
+// GWCONF_UPDATE_GOLDEN=1 in the environment it writes the session it got back into the file.
 #include <gtest/gtest.h>
 
 #include "uci_testutil.h"
@@ -29,74 +29,72 @@ std::vector<std::string> golden_cases()
 	return names;
 }
 
-std::vector<std::string> split_blanks(const std::string &line)
-{
-	std::vector<std::string> words;
-	std::string cur;
-	for (char c : line) {
-		if (c == ' ') {
-			if (!cur.empty())
-				words.push_back(cur);
-			cur.clear();
-		} else {
-			cur += c;
-		}
-	}
-	if (!cur.empty())
-		words.push_back(cur);
-	return words;
-}
-
 void copy_dir(const fs::path &from, const std::string &to)
 {
-	if (!fs::exists(from))
-		return;
-	for (auto &e : fs::directory_iterator(from))
-		fs::copy_file(e.path(), fs::path(to) / e.path().filename(), fs::copy_options::overwrite_existing);
+	if (fs::exists(from))
+		for (auto &e : fs::directory_iterator(from))
+			fs::copy_file(e.path(), fs::path(to) / e.path().filename(), fs::copy_options::overwrite_existing);
 }
 
-// Every file of `expected` must exist in `dir` with the same bytes.
-void expect_dir(const fs::path &expected, const std::string &dir)
+struct Command {
+	std::string line, input;
+};
+
+// The commands of a transcript with their input; the expected output lines are skipped.
+std::vector<Command> commands_of(const std::string &transcript)
 {
-	if (!fs::exists(expected))
-		return;
-	for (auto &e : fs::directory_iterator(expected)) {
-		std::string actual_path = dir + "/" + e.path().filename().string();
-		ASSERT_TRUE(exists(actual_path)) << actual_path;
-		EXPECT_EQ(read_file(e.path().string()), read_file(actual_path)) << actual_path;
+	std::vector<Command> cmds;
+	std::istringstream in(transcript);
+	std::string line;
+	while (std::getline(in, line)) {
+		if (line.rfind("$ ", 0) == 0)
+			cmds.push_back({line.substr(2), ""});
+		else if (line.rfind("> ", 0) == 0 && !cmds.empty())
+			cmds.back().input += line.substr(2) + "\n";
 	}
+	return cmds;
+}
+
+std::string session(const std::vector<Command> &cmds, const TempTree &t)
+{
+	std::string out;
+	for (const Command &c : cmds) {
+		out += "$ " + c.line + "\n";
+		std::istringstream input(c.input);
+		for (std::string l; std::getline(input, l);)
+			out += "> " + l + "\n";
+		if (c.line.rfind("cat ", 0) == 0) {
+			out += read_file(t.root + "/" + c.line.substr(4));
+			continue;
+		}
+		std::vector<std::string> args = {"-c", t.conf, "-t", t.save, "-C", ""};
+		std::istringstream words(c.line);
+		for (std::string w; words >> w;)
+			args.push_back(w);
+		RunResult r = run_uci(args, c.input);
+		out += r.out;
+		std::istringstream err(r.err);
+		for (std::string e; std::getline(err, e);)
+			out += "! " + e + "\n";
+		if (r.status != 0)
+			out += "[exit " + std::to_string(r.status) + "]\n";
+	}
+	return out;
 }
 
 class Golden : public ::testing::TestWithParam<std::string> {};
 
-TEST_P(Golden, TranscriptAndFiles)
+TEST_P(Golden, Transcript)
 {
 	fs::path dir = fs::path(golden_root) / GetParam();
 	TempTree t;
 	copy_dir(dir / "conf", t.conf);
 	copy_dir(dir / "save", t.save);
-
-	std::string transcript;
-	std::istringstream script(read_file((dir / "script").string()));
-	std::string line;
-	while (std::getline(script, line)) {
-		if (line.empty())
-			continue;
-		std::vector<std::string> args = {"-c", t.conf, "-t", t.save, "-C", ""};
-		for (auto &w : split_blanks(line))
-			args.push_back(w);
-		RunResult r = run_uci(args);
-		transcript += "$ " + line + "\n" + r.out;
-		std::istringstream err(r.err);
-		std::string e;
-		while (std::getline(err, e))
-			transcript += "! " + e + "\n";
-		if (r.status != 0)
-			transcript += "[exit " + std::to_string(r.status) + "]\n";
-	}
-	EXPECT_EQ(read_file((dir / "transcript").string()), transcript);
-	expect_dir(dir / "expect-conf", t.conf);
-	expect_dir(dir / "expect-save", t.save);
+	std::string expected = read_file((dir / "transcript").string());
+	std::string actual = session(commands_of(expected), t);
+	if (getenv("GWCONF_UPDATE_GOLDEN"))	// to write a new case: its commands, then review the result
+		write_file((dir / "transcript").string(), actual);
+	EXPECT_EQ(expected, actual);
 }
 
 INSTANTIATE_TEST_SUITE_P(Uci, Golden, ::testing::ValuesIn(golden_cases()),

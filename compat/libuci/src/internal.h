@@ -28,7 +28,7 @@ struct Failure {
 
 // The opaque parser context of the public header.
 struct uci_parse_context {
-	const char *reason = nullptr;  // static text, or nullptr for "unknown"
+	const char *reason = "";  // static text
 	int line = 0;
 	int byte = 0;
 };
@@ -61,7 +61,7 @@ int guarded(uci_context *ctx, Body &&body)
 	return ctx->err;
 }
 
-// Records a parse error (reason may be nullptr for "unknown") and raises UCI_ERR_PARSE.
+// Records a parse error and raises UCI_ERR_PARSE. Every parse error names its reason (a static text).
 [[noreturn]] void parse_error(uci_context *ctx, const char *reason, int line, int byte);
 // The detail " (reason) at line L, byte B" of the last parse error, or "" when there is none.
 std::string parse_error_detail(uci_context *ctx);
