@@ -9,19 +9,18 @@ namespace uci_cli {
 
 namespace {
 
-std::string escape(const char *v)
+// Appends v in single quotes, every ' written as '\'' (the quote closes, an escaped quote, the quote reopens).
+void append_quoted(std::string &out, const char *v)
 {
-	std::string r;
+	out += '\'';
 	for (; *v; v++) {
 		if (*v == '\'')
-			r += "'\\''";
+			out += "'\\''";
 		else
-			r += *v;
+			out += *v;
 	}
-	return r;
+	out += '\'';
 }
-
-std::string quoted(const char *v) { return "'" + escape(v) + "'"; }
 
 void print(const std::string &line)
 {
@@ -38,7 +37,10 @@ std::string list_text(uci_option *o, bool always_quote)
 		if (!first)
 			r += separator;
 		first = false;
-		r += always_quote || strpbrk(e->name, " \t\r\n") ? quoted(e->name) : std::string(e->name);
+		if (always_quote || strpbrk(e->name, " \t\r\n"))
+			append_quoted(r, e->name);
+		else
+			r += e->name;
 	}
 	return r;
 }
@@ -47,8 +49,13 @@ std::string list_text(uci_option *o, bool always_quote)
 
 void show_option(const std::string &prefix, uci_option *o)
 {
-	std::string value = o->type == UCI_TYPE_STRING ? quoted(o->v.string) : list_text(o, true);
-	print(prefix + "." + o->e.name + "=" + value + "\n");
+	std::string line = prefix;
+	((line += '.') += o->e.name) += '=';
+	if (o->type == UCI_TYPE_STRING)
+		append_quoted(line, o->v.string);
+	else
+		line += list_text(o, true);
+	print(line += '\n');
 }
 
 void show_section(const std::string &pkg, const std::string &ref, uci_section *s)
@@ -96,20 +103,11 @@ void print_change(uci_package *p, uci_delta *d)
 		line += ".";
 		line += d->e.name;
 	}
-	switch (d->cmd) {
-	case UCI_CMD_REMOVE:
-		break;
-	case UCI_CMD_LIST_ADD:
-		line += "+=" + quoted(d->value ? d->value : "");
-		break;
-	case UCI_CMD_LIST_DEL:
-		line += "-=" + quoted(d->value ? d->value : "");
-		break;
-	default:
-		line += "=" + quoted(d->value ? d->value : "");
+	if (d->cmd != UCI_CMD_REMOVE) {
+		line += d->cmd == UCI_CMD_LIST_ADD ? "+=" : d->cmd == UCI_CMD_LIST_DEL ? "-=" : "=";
+		append_quoted(line, d->value ? d->value : "");
 	}
-	line += "\n";
-	print(line);
+	print(line += '\n');
 }
 
 }  // namespace uci_cli
