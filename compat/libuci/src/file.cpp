@@ -333,11 +333,11 @@ void commit_with_deltas(uci_context *ctx, uci_package **pp, bool overwrite)
 	Fd dfd(open(join(ctx->savedir, pkg).c_str(), O_RDWR | O_CLOEXEC));
 	if (dfd.get() >= 0)
 		lock_fd(dfd.get(), LOCK_EX);
-	else
-		remove_journal(ctx->savedir, pkg.c_str());
 	struct stat dst{};
 	if (dfd.get() >= 0 && fstat(dfd.get(), &dst) < 0)
 		fail(UCI_ERR_IO);
+	if (dfd.get() < 0)
+		remove_journal(ctx->savedir, pkg.c_str());	// nothing left that a journal could describe
 
 	uci_package *target = p;
 	int applied;
@@ -369,7 +369,7 @@ void commit_with_deltas(uci_context *ctx, uci_package **pp, bool overwrite)
 	replace_config(temp, path);
 
 	if (dfd.get() >= 0)
-		finish_journal(ctx->savedir, pkg.c_str(), dfd.get());
+		finish_journal(ctx->savedir, pkg.c_str(), dfd);
 }
 
 // Rewrites the delta file open on fd without its first `skip` bytes and without the lines `drop` selects. A file

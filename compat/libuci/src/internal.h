@@ -17,6 +17,8 @@ struct stat;
 
 namespace uci_impl {
 
+class Fd;
+
 // An error raised anywhere inside the library; the public entry points turn it into a return code.
 struct Failure {
 	int code;
@@ -211,7 +213,7 @@ void drop_stale_temps(const std::string &dir, const char *pkg);
 void write_journal(const std::string &savedir, const char *pkg, const std::string &temp, int tfd, int dfd,
 	size_t consumed, const struct stat &config);
 // After the rename: empties the delta file and deletes the journal.
-void finish_journal(const std::string &savedir, const char *pkg, int dfd);
+void finish_journal(const std::string &savedir, const char *pkg, const Fd &dfd);
 void remove_journal(const std::string &savedir, const char *pkg);
 
 // ---- files (file.cpp) ----

@@ -174,12 +174,12 @@ void write_journal(const std::string &savedir, const char *pkg, const std::strin
 	sync_dir(savedir);
 }
 
-void finish_journal(const std::string &savedir, const char *pkg, int dfd)
+void finish_journal(const std::string &savedir, const char *pkg, const Fd &dfd)
 {
 	// Nothing could be appended meanwhile: the delta file stayed locked since the commit read it.
-	if (ftruncate(dfd, 0) < 0)
+	if (ftruncate(dfd.get(), 0) < 0)
 		fail(UCI_ERR_IO);
-	fsync(dfd);
+	fsync(dfd.get());
 	remove_journal(savedir, pkg);
 }
 
