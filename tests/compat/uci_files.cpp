@@ -330,6 +330,28 @@ TEST(UciCommit, ChangesSavedAfterAnEmptiedDeltaFileAreKept)
 	EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
 }
 
+// A commit that stopped after its journal replaced the previous one but before its own rename: the journal's second
+// line, the previous commit's, still describes the config in place, so the lines that commit folded in stay
+// skipped; the next commit folds in the rest and empties the delta file.
+TEST(UciCommit, TheJournalKeepsThePreviousCommitUntilTheRename)
+{
+	UciTree t;
+	write_file(t.config("t"), "\nconfig a 'n'\n\tlist l '1'\n\n");
+	write_file(t.delta("t"), "|t.n.l='1'\n|t.n.l='2'\n");
+	write_file(t.save + "/.t.uci-commit", "1 2 3 4 22 " + t.conf + "/.t.uci-never 0123456789abcdef\n" +
+		journalFor(t.config("t"), "|t.n.l='1'\n", t.conf + "/.t.uci-gone"));
+	write_file(t.conf + "/.t.uci-never", "partial");
+	Context ctx(t);
+	EXPECT_EQ(listItems(ctx, "t.n.l"), (std::vector<std::string>{"1", "2"}));
+	Tuple l(ctx, "t.n.l");
+	uci_package *p = l.ptr.p;
+	ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
+	EXPECT_EQ(read_file(t.config("t")), "\nconfig a 'n'\n\tlist l '1'\n\tlist l '2'\n\n");
+	EXPECT_EQ(read_file(t.delta("t")), "");
+	EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
+	EXPECT_FALSE(exists(t.conf + "/.t.uci-never"));
+}
+
 class UciRevert : public ::testing::Test {
 protected:
 	void SetUp() override
