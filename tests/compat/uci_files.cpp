@@ -276,80 +276,46 @@ std::vector<std::string> listItems(Context &ctx, const char *path)
 	return items;
 }
 
-// A commit that stopped between the rename and the emptying of the delta file left its journal behind:
-// the lines it folded in must not apply twice, and lines saved after it must not be lost.
-TEST(UciCommit, InterruptedCommitIsFinished)
+// Commits cut off at each step, as their journal (SAVEDIR/.t.uci-commit) and the files show it: what a load then
+// sees, and what the next commit writes. Every case starts from a config holding item 1.
+TEST(UciCommit, InterruptedCommitsAreFinished)
 {
-	UciTree t;
-	const std::string committed = "\nconfig a 'n'\n\tlist l '1'\n\n";
-	write_file(t.config("t"), committed);
-	const std::string folded = "|t.n.l='1'\n";
-	write_file(t.delta("t"), folded + "|t.n.l='2'\n");
-	write_file(t.save + "/.t.uci-commit", journalFor(t.config("t"), folded, t.conf + "/.t.uci-gone"));
-	{
+	const std::string one = "|t.n.l='1'\n", two = "|t.n.l='2'\n";
+	struct Case {
+		const char *what;
+		std::string delta;
+		std::function<std::string(const UciTree &)> journal;
+	} cases[] = {
+		{"stopped between the rename and the emptying of the delta file: 1 is not applied twice", one + two,
+		 [&](const UciTree &t) { return journalFor(t.config("t"), one, t.conf + "/.t.uci-gone"); }},
+		{"stopped before its rename: the journal describes another file", two,
+		 [](const UciTree &t) { return "1 2 3 4 11 " + t.conf + "/.t.uci-left 0123456789abcdef\n"; }},
+		{"stopped after the emptying: 2 was saved since, as long as the folded line, and is kept", two,
+		 [&](const UciTree &t) { return journalFor(t.config("t"), one, t.conf + "/.t.uci-gone"); }},
+		{"stopped before its rename, with the commit in force as the journal's second line", one + two,
+		 [&](const UciTree &t) {
+			 return "1 2 3 4 22 " + t.conf + "/.t.uci-left 0123456789abcdef\n" +
+				journalFor(t.config("t"), one, t.conf + "/.t.uci-gone");
+		 }},
+	};
+	for (const Case &c : cases) {
+		SCOPED_TRACE(c.what);
+		UciTree t;
+		write_file(t.config("t"), "\nconfig a 'n'\n\tlist l '1'\n\n");
+		write_file(t.delta("t"), c.delta);
+		write_file(t.save + "/.t.uci-commit", c.journal(t));
+		if (c.journal(t).find(".t.uci-left") != std::string::npos)
+			write_file(t.conf + "/.t.uci-left", "partial");	// the temporary file of the cut-off commit
 		Context ctx(t);
 		EXPECT_EQ(listItems(ctx, "t.n.l"), (std::vector<std::string>{"1", "2"}));
 		Tuple l(ctx, "t.n.l");
 		uci_package *p = l.ptr.p;
 		ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
+		EXPECT_EQ(read_file(t.config("t")), "\nconfig a 'n'\n\tlist l '1'\n\tlist l '2'\n\n");
+		EXPECT_EQ(read_file(t.delta("t")), "");
+		EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
+		EXPECT_FALSE(exists(t.conf + "/.t.uci-left"));
 	}
-	EXPECT_EQ(read_file(t.config("t")), "\nconfig a 'n'\n\tlist l '1'\n\tlist l '2'\n\n");
-	EXPECT_EQ(read_file(t.delta("t")), "");
-	EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
-
-	// A journal whose file never replaced the config (the crash came before the rename) is ignored.
-	write_file(t.delta("t"), "|t.n.l='3'\n");
-	write_file(t.save + "/.t.uci-commit", "1 2 3 4 11 " + t.conf + "/.t.uci-left 0123456789abcdef\n");
-	write_file(t.conf + "/.t.uci-left", "partial");
-	Context ctx(t);
-	Tuple l(ctx, "t.n.l");
-	uci_package *p = l.ptr.p;
-	ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
-	EXPECT_EQ(read_file(t.config("t")), "\nconfig a 'n'\n\tlist l '1'\n\tlist l '2'\n\tlist l '3'\n\n");
-	EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
-	EXPECT_FALSE(exists(t.conf + "/.t.uci-left"));
-}
-
-// A commit that stopped after emptying the delta file but before deleting its journal: the delta file holds only
-// changes saved since, as long as the folded ones or longer, and none of them may be skipped.
-TEST(UciCommit, ChangesSavedAfterAnEmptiedDeltaFileAreKept)
-{
-	UciTree t;
-	write_file(t.config("t"), "\nconfig a 'n'\n\tlist l '1'\n\n");
-	write_file(t.save + "/.t.uci-commit", journalFor(t.config("t"), "|t.n.l='1'\n", t.conf + "/.t.uci-gone"));
-	write_file(t.delta("t"), "|t.n.l='9'\n");   // saved after the emptying, the same length as the folded line
-	{
-		Context ctx(t);
-		EXPECT_EQ(listItems(ctx, "t.n.l"), (std::vector<std::string>{"1", "9"}));
-		Tuple l(ctx, "t.n.l");
-		uci_package *p = l.ptr.p;
-		ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
-	}
-	EXPECT_EQ(read_file(t.config("t")), "\nconfig a 'n'\n\tlist l '1'\n\tlist l '9'\n\n");
-	EXPECT_EQ(read_file(t.delta("t")), "");
-	EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
-}
-
-// A commit that stopped after its journal replaced the previous one but before its own rename: the journal's second
-// line, the previous commit's, still describes the config in place, so the lines that commit folded in stay
-// skipped; the next commit folds in the rest and empties the delta file.
-TEST(UciCommit, TheJournalKeepsThePreviousCommitUntilTheRename)
-{
-	UciTree t;
-	write_file(t.config("t"), "\nconfig a 'n'\n\tlist l '1'\n\n");
-	write_file(t.delta("t"), "|t.n.l='1'\n|t.n.l='2'\n");
-	write_file(t.save + "/.t.uci-commit", "1 2 3 4 22 " + t.conf + "/.t.uci-never 0123456789abcdef\n" +
-		journalFor(t.config("t"), "|t.n.l='1'\n", t.conf + "/.t.uci-gone"));
-	write_file(t.conf + "/.t.uci-never", "partial");
-	Context ctx(t);
-	EXPECT_EQ(listItems(ctx, "t.n.l"), (std::vector<std::string>{"1", "2"}));
-	Tuple l(ctx, "t.n.l");
-	uci_package *p = l.ptr.p;
-	ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
-	EXPECT_EQ(read_file(t.config("t")), "\nconfig a 'n'\n\tlist l '1'\n\tlist l '2'\n\n");
-	EXPECT_EQ(read_file(t.delta("t")), "");
-	EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
-	EXPECT_FALSE(exists(t.conf + "/.t.uci-never"));
 }
 
 class UciRevert : public ::testing::Test {
