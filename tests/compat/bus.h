@@ -249,9 +249,11 @@ protected:
 	void start_ubusd()
 	{
 		ubusd = spawn({bin("ubusd"), "-s", sock});
-		for (int i = 0; i < 1000 && !exists(sock); i++)
+		int fd = -1;	// the socket file exists from bind() on, but takes connections only once listening
+		for (int i = 0; i < 1000 && (fd = connect_unix(sock)) < 0; i++)
 			std::this_thread::sleep_for(std::chrono::milliseconds(5));
-		ASSERT_TRUE(exists(sock)) << "ubusd did not start";
+		ASSERT_GE(fd, 0) << "ubusd did not start";
+		close(fd);
 	}
 	void TearDown() override
 	{
