@@ -15,6 +15,17 @@ struct Attrs {
 	blob_attr *operator[](int id) const { return tb[id]; }
 };
 
+// How long the rest of a message that has started to arrive may take.
+constexpr int kMessageBodyTimeoutMs = 10000;
+
+// False for a header the stream cannot be trusted after: a version other than 0, or a container length that is
+// impossible or above the message limit.
+inline bool header_acceptable(const ubus_msghdr &hdr, uint32_t container_raw)
+{
+	return hdr.version == 0 && container_raw >= sizeof(blob_attr) &&
+	       ((container_raw + 3) & ~3u) <= UBUS_MAX_MSGLEN;
+}
+
 // Reads one whole message into ctx->msgbuf: 1 when one was read, 0 when nothing is waiting, -1 when the
 // connection is broken (end of file, error, or a header that cannot be trusted).
 int read_message(ubus_context *ctx, int *fd);

@@ -132,11 +132,15 @@ void copy_members(blob_buf *buf, blob_attr *msg)
 				  unsigned(blobmsg_data_len(cur)));
 }
 
-int simple_request(ubus_context *ctx, int type, uint32_t peer)
+// Sends the message built in b and waits for its status; raw_cb, when given, sees each reply message.
+int simple_request(ubus_context *ctx, int type, uint32_t peer, ubus_data_handler_t raw_cb = nullptr,
+		   void *priv = nullptr)
 {
 	ubus_request req;
 	if (send_request(ctx, &req, b.head, type, peer, -1) < 0)
 		return UBUS_STATUS_INVALID_ARGUMENT;
+	req.raw_data_cb = raw_cb;
+	req.priv = priv;
 	return ubus_complete_request(ctx, &req, 0);
 }
 
@@ -196,12 +200,7 @@ int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
 		else if (!put_signature(obj->type))
 			return UBUS_STATUS_INVALID_ARGUMENT;
 	}
-	ubus_request req;
-	if (send_request(ctx, &req, b.head, UBUS_MSG_ADD_OBJECT, 0, -1) < 0)
-		return UBUS_STATUS_INVALID_ARGUMENT;
-	req.raw_data_cb = add_object_reply;
-	req.priv = obj;
-	int ret = ubus_complete_request(ctx, &req, 0);
+	int ret = simple_request(ctx, UBUS_MSG_ADD_OBJECT, 0, add_object_reply, obj);
 	if (ret)
 		return ret;
 	return obj->id ? UBUS_STATUS_OK : UBUS_STATUS_NO_DATA;
@@ -211,12 +210,7 @@ int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj)
 {
 	blob_buf_init(&b, 0);
 	blob_put_int32(&b, UBUS_ATTR_OBJID, obj->id);
-	ubus_request req;
-	if (send_request(ctx, &req, b.head, UBUS_MSG_REMOVE_OBJECT, 0, -1) < 0)
-		return UBUS_STATUS_INVALID_ARGUMENT;
-	req.raw_data_cb = remove_object_reply;
-	req.priv = obj;
-	int ret = ubus_complete_request(ctx, &req, 0);
+	int ret = simple_request(ctx, UBUS_MSG_REMOVE_OBJECT, 0, remove_object_reply, obj);
 	if (ret)
 		return ret;
 	return obj->id ? UBUS_STATUS_NO_DATA : UBUS_STATUS_OK;

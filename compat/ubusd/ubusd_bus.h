@@ -13,37 +13,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include "ubusd_blob.h"
+
 namespace ubusd {
 
-// Wire constants (the numbering is fixed by the protocol).
-enum MsgType : uint8_t {
-	MSG_HELLO, MSG_STATUS, MSG_DATA, MSG_PING, MSG_LOOKUP, MSG_INVOKE, MSG_ADD_OBJECT, MSG_REMOVE_OBJECT,
-	MSG_SUBSCRIBE, MSG_UNSUBSCRIBE, MSG_NOTIFY, MSG_MONITOR, MSG_LAST,
-};
-
-enum Attr : uint8_t {
-	ATTR_UNSPEC, ATTR_STATUS, ATTR_OBJPATH, ATTR_OBJID, ATTR_METHOD, ATTR_OBJTYPE, ATTR_SIGNATURE, ATTR_DATA,
-	ATTR_TARGET, ATTR_ACTIVE, ATTR_NO_REPLY, ATTR_SUBSCRIBERS, ATTR_USER, ATTR_GROUP, ATTR_MAX,
-};
-
-enum MonitorAttr : uint8_t {
-	MONITOR_CLIENT, MONITOR_PEER, MONITOR_SEND, MONITOR_SEQ, MONITOR_TYPE, MONITOR_DATA,
-};
-
-enum Status : int32_t {
-	STATUS_OK, STATUS_INVALID_COMMAND, STATUS_INVALID_ARGUMENT, STATUS_METHOD_NOT_FOUND, STATUS_NOT_FOUND,
-	STATUS_NO_DATA, STATUS_PERMISSION_DENIED, STATUS_TIMEOUT, STATUS_NOT_SUPPORTED, STATUS_UNKNOWN_ERROR,
-	STATUS_CONNECTION_FAILED, STATUS_NO_MEMORY, STATUS_PARSE_ERROR, STATUS_SYSTEM_ERROR,
-};
-
-constexpr uint32_t kObjectEvent = 1;
-constexpr uint32_t kObjectAcl = 2;
-constexpr uint32_t kObjectMonitor = 3;
-constexpr uint32_t kFirstDynamicId = 1024;
-
-constexpr size_t kHeaderLen = 8;		// version, type, seq, peer
-constexpr size_t kPrefixLen = kHeaderLen + 4;	// plus the container's blob header
-constexpr size_t kMaxMsgLen = 1048576;		// limit on the container's padded length
 constexpr size_t kMaxTxQueue = 1048576;		// per client; messages beyond it are dropped
 
 // One complete outgoing message and the descriptor that travels with it (-1 for none).
@@ -83,30 +56,6 @@ struct Object {
 	std::vector<uint32_t> targets;		// objects this (subscriber) object watches
 };
 
-// A view of one received message: the header fields and the protocol attributes found in the container.
-struct Message {
-	uint8_t version = 0, type = 0;
-	uint16_t seq = 0;
-	uint32_t peer = 0;
-	const uint8_t *frame = nullptr;		// the whole message as received
-	size_t frame_len = 0;
-	const uint8_t *attr[ATTR_MAX] = {};	// payload of each attribute, nullptr when absent or malformed
-	size_t attr_len[ATTR_MAX] = {};
-	int fd = -1;
-
-	bool has(Attr a) const { return attr[a] != nullptr; }
-	uint32_t u32(Attr a) const;
-	const char *str(Attr a) const { return reinterpret_cast<const char *>(attr[a]); }
-};
-
-// Splits a complete message (header, container) into a Message. Returns false when the container length is
-// impossible (shorter than a blob header, longer than the buffer, or above the message limit).
-bool parse_message(const uint8_t *frame, size_t len, Message &out);
-
-// Length of the whole message announced by a 12-byte prefix, or 0 when the announced container is too short or
-// too long to be accepted.
-size_t frame_length(const uint8_t *prefix);
-
 class Bus {
 public:
 	// seed 0 takes ids from /dev/urandom; any other seed makes the ids reproducible (tests, fuzzing).
@@ -140,6 +89,12 @@ public:
 private:
 	uint32_t random_u32();
 	template <class Map> uint32_t new_id(const Map &taken);
+
+	// UBUS_STATUS_OK when obj exists and belongs to cl, else NOT_FOUND or PERMISSION_DENIED.
+	static int32_t ownership(const Client &cl, const Object *obj);
+
+	// The INVOKE that carries the call (or notification) m of caller to the object objid.
+	static std::vector<uint8_t> invoke_message(const Client &caller, const Message &m, uint32_t objid, bool no_reply);
 
 	void queue(Client &cl, std::vector<uint8_t> bytes, int fd = -1);
 	void send_status(Client &cl, const Message &req, int32_t status);

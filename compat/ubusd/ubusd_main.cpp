@@ -1,6 +1,7 @@
 // ubusd: the bus daemon. Listens on a unix stream socket, hands every client's bytes to the Bus and writes out
 // what it queues. Runs in the foreground until SIGINT or SIGTERM, then removes its socket.
 #include "ubusd_bus.h"
+#include "fdpass.h"
 
 #include <cerrno>
 #include <csignal>
@@ -18,10 +19,6 @@
 #include <unistd.h>
 #include <unordered_set>
 #include <vector>
-
-#ifndef UBUS_UNIX_SOCKET
-#define UBUS_UNIX_SOCKET "/var/run/ubus/ubus.sock"
-#endif
 
 namespace {
 
@@ -71,20 +68,7 @@ struct Loop {
 				size_t skip = cnt ? 0 : cl.tx_offset;
 				iov[cnt++] = iovec{it->bytes.data() + skip, it->bytes.size() - skip};
 			}
-			msghdr mh{};
-			mh.msg_iov = iov;
-			mh.msg_iovlen = cnt;
-			alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
-			if (fd >= 0) {
-				mh.msg_control = ctl;
-				mh.msg_controllen = sizeof(ctl);
-				cmsghdr *c = CMSG_FIRSTHDR(&mh);
-				c->cmsg_level = SOL_SOCKET;
-				c->cmsg_type = SCM_RIGHTS;
-				c->cmsg_len = CMSG_LEN(sizeof(int));
-				memcpy(CMSG_DATA(c), &fd, sizeof(int));
-			}
-			ssize_t n = sendmsg(cl.sock, &mh, MSG_NOSIGNAL | MSG_DONTWAIT);
+			ssize_t n = ubus_wire::send_with_fd(cl.sock, iov, cnt, fd, MSG_NOSIGNAL | MSG_DONTWAIT);
 			if (n < 0) {
 				if (errno == EINTR)
 					continue;
@@ -164,30 +148,10 @@ struct Loop {
 	void read_client(ubusd::Client &cl)
 	{
 		static uint8_t buf[65536];
-		alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int) * 4)];
-		iovec iov{buf, sizeof(buf)};
-		msghdr mh{};
-		mh.msg_iov = &iov;
-		mh.msg_iovlen = 1;
-		mh.msg_control = ctl;
-		mh.msg_controllen = sizeof(ctl);
-		ssize_t n = recvmsg(cl.sock, &mh, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+		int fd = -1;
+		ssize_t n = ubus_wire::recv_with_fd(cl.sock, buf, sizeof(buf), MSG_DONTWAIT, &fd);
 		if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
 			return;
-		int fd = -1;
-		for (cmsghdr *c = CMSG_FIRSTHDR(&mh); n > 0 && c; c = CMSG_NXTHDR(&mh, c)) {
-			if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS)
-				continue;
-			size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-			for (size_t i = 0; i < count; i++) {
-				int got;
-				memcpy(&got, CMSG_DATA(c) + i * sizeof(int), sizeof(int));
-				if (fd < 0)
-					fd = got;
-				else
-					::close(got);	// one descriptor per message
-			}
-		}
 		if (n <= 0) {
 			// The peer went away: deliver what is still queued for it if it can, then forget it.
 			flush(cl);

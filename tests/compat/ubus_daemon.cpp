@@ -1,12 +1,11 @@
 // The bus daemon on the wire: byte-exact messages from raw unix sockets, call routing with the peer rewrite,
 // malformed and oversized frames (the sender is answered or dropped; everyone else keeps being served), and the
 // program's own behaviour (socket mode, options, taking over a socket path).
-#include "ubus_harness.h"
-#include "ubus_raw.h"
+#include "bus.h"
 
 #include <sys/stat.h>
 
-using namespace ubus_test;
+using namespace bus;
 
 namespace {
 
@@ -275,14 +274,14 @@ TEST_F(UbusDaemon, ProgramOptionsAndSocketTakeOver)
 {
 	std::string err = dir.path + "/err";
 	int efd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-	pid_t p = spawn({bin("ubusd"), "-x"}, {}, -1, efd);
+	pid_t p = spawn({bin("ubusd"), "-x"}, {}, -1, -1, efd);
 	EXPECT_EQ(wait_exit(p), 1);
 	std::string text = read_file(err);
 	EXPECT_NE(text.find("-s <socket>"), std::string::npos) << text;
 	EXPECT_NE(text.find("-A <path>"), std::string::npos) << text;
 
 	efd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-	p = spawn({bin("ubusd"), "-s", dir.path + "/no/such/dir/sock"}, {}, -1, efd);
+	p = spawn({bin("ubusd"), "-s", dir.path + "/no/such/dir/sock"}, {}, -1, -1, efd);
 	EXPECT_EQ(wait_exit(p), 255);
 	EXPECT_EQ(read_file(err).rfind("usock: ", 0), 0u) << read_file(err);
 

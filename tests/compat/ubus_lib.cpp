@@ -1,11 +1,11 @@
 // The client library against our bus daemon: registration, lookup, calls and their statuses, timeouts, a callee
 // that dies, two clients calling each other, subscriptions, events, and reconnecting after the daemon restarts.
-#include "ubus_harness.h"
+#include "bus.h"
 
 #include <algorithm>
 #include <map>
 
-using namespace ubus_test;
+using namespace bus;
 
 namespace {
 

@@ -1,6 +1,7 @@
 // The client library against a scripted daemon (a thread speaking raw frames): the exact bytes of its requests,
 // how it matches replies, how it answers calls, and how it queues calls that arrive while it waits.
-#include "ubus_raw.h"
+
+#include "bus.h"
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -8,7 +9,7 @@
 #include <functional>
 #include <pthread.h>
 
-using namespace ubus_test;
+using namespace bus;
 
 namespace {
 

@@ -3,7 +3,7 @@
 // lost change shows as a gap and a change applied twice shows as a repeated item.
 #include <gtest/gtest.h>
 
-#include "uci_testutil.h"
+#include "support.h"
 
 #include <signal.h>
 #include <sys/time.h>
@@ -11,12 +11,12 @@
 #include <chrono>
 #include <random>
 
-using namespace ucitest;
+using namespace ct;
 
 namespace {
 
 // The items of t.n.l as a load sees them (config plus saved changes); `path` loads a file alone.
-std::vector<std::string> items(const TempTree &t, const std::string &what = "t", int *rc_out = nullptr)
+std::vector<std::string> items(const UciTree &t, const std::string &what = "t", int *rc_out = nullptr)
 {
 	Context ctx(t);
 	std::vector<std::string> r;
@@ -45,7 +45,7 @@ std::vector<std::string> numbered(const std::string &prefix, int from, int to)
 }
 
 // Appends one item and commits, as a process of its own would.
-int add_and_commit(const TempTree &t, const std::string &item)
+int add_and_commit(const UciTree &t, const std::string &item)
 {
 	Context ctx(t);
 	std::string tuple = "t.n.l=" + item;
@@ -67,7 +67,7 @@ double now_us()
 
 TEST(UciCrash, WriterKilledAtRandomMoments)
 {
-	TempTree t;
+	UciTree t;
 	write_file(t.config("t"), "config a n\n");
 
 	// How long one writer takes, to spread the kills over its whole run.
@@ -132,7 +132,7 @@ TEST(UciCrash, WriterKilledAtRandomMoments)
 // The library (a daemon) and the uci tool commit the same package at the same time.
 TEST(UciConcurrency, LibraryAndToolLoseNothing)
 {
-	TempTree t;
+	UciTree t;
 	write_file(t.config("t"), "config a n\n");
 	const int rounds = 40;
 	pid_t lib = fork();
@@ -143,8 +143,8 @@ TEST(UciConcurrency, LibraryAndToolLoseNothing)
 		_exit(0);
 	}
 	for (int i = 1; i <= rounds; i++) {
-		ASSERT_EQ(uci(t, {"add_list", "t.n.l=b" + std::to_string(i)}).status, 0);
-		ASSERT_EQ(uci(t, {"commit", "t"}).status, 0);
+		ASSERT_EQ(t.uci({"add_list", "t.n.l=b" + std::to_string(i)}).code, 0);
+		ASSERT_EQ(t.uci({"commit", "t"}).code, 0);
 	}
 	int st;
 	waitpid(lib, &st, 0);
@@ -163,7 +163,7 @@ TEST(UciConcurrency, LibraryAndToolLoseNothing)
 // with the old config, never a change twice.
 TEST(UciConcurrency, ReadersSeeWholeStates)
 {
-	TempTree t;
+	UciTree t;
 	write_file(t.config("t"), "config a n\n");
 	const int rounds = 60;
 	pid_t writer = fork();

@@ -2,13 +2,13 @@
 // revert, import, export and the config listing.
 #include <gtest/gtest.h>
 
-#include "uci_testutil.h"
+#include "support.h"
 
 #include <sys/stat.h>
 
 #include <cstring>
 
-using namespace ucitest;
+using namespace ct;
 
 namespace {
 
@@ -51,7 +51,7 @@ std::string exported(uci_context *ctx, uci_package *p, bool header)
 
 TEST(UciLoad, ResultsByKindOfName)
 {
-	TempTree t;
+	UciTree t;
 	Context ctx(t);
 	write_file(t.config("t"), "config a n\n");
 	write_file(t.config("empty"), "");
@@ -76,7 +76,7 @@ TEST(UciLoad, ResultsByKindOfName)
 	EXPECT_EQ(uci_unload(ctx, nullptr), UCI_ERR_INVAL);
 
 	// By path: named after the file, no deltas, and a save rewrites the file at once.
-	std::string other = t.root + "/elsewhere";
+	std::string other = t.path + "/elsewhere";
 	write_file(other, "config a n\n\toption x 1\n");
 	Tuple tp(ctx, other + ".n.x=2");
 	ASSERT_EQ(tp.rc, UCI_OK);
@@ -90,9 +90,9 @@ TEST(UciLoad, ResultsByKindOfName)
 
 TEST(UciLoad, OverrideDirectory)
 {
-	TempTree t;
+	UciTree t;
 	Context ctx(t);
-	std::string over = t.root + "/over";
+	std::string over = t.path + "/over";
 	std::filesystem::create_directory(over);
 	uci_set_conf2dir(ctx, over.c_str());
 	write_file(t.config("t"), "config a base\n");
@@ -109,7 +109,7 @@ TEST(UciLoad, OverrideDirectory)
 
 TEST(UciSave, FilesDirectoriesAndModes)
 {
-	TempTree t;
+	UciTree t;
 	std::filesystem::remove(t.save);
 	Context ctx(t);
 	write_file(t.config("t"), "config a n\n");
@@ -131,19 +131,19 @@ TEST(UciSave, FilesDirectoriesAndModes)
 	umask(old_umask);
 
 	// A save directory whose parent is missing, or that is a file, is an I/O error.
-	uci_set_savedir(ctx, (t.root + "/no/such").c_str());
+	uci_set_savedir(ctx, (t.path + "/no/such").c_str());
 	Tuple a(ctx, "t.n.z=3");
 	ASSERT_EQ(uci_set(ctx, &a.ptr), UCI_OK);
 	EXPECT_EQ(uci_save(ctx, p), UCI_ERR_IO);
-	write_file(t.root + "/file", "");
-	uci_set_savedir(ctx, (t.root + "/file").c_str());
+	write_file(t.path + "/file", "");
+	uci_set_savedir(ctx, (t.path + "/file").c_str());
 	EXPECT_EQ(uci_save(ctx, p), UCI_ERR_IO);
 	EXPECT_EQ(uci_save(ctx, nullptr), UCI_ERR_INVAL);
 }
 
 TEST(UciCommit, RewritesOnlyWithChanges)
 {
-	TempTree t;
+	UciTree t;
 	Context ctx(t);
 	const std::string original = "# keep me\nconfig a n # and me\n\toption x \"1\"\n";
 	write_file(t.config("t"), original);
@@ -196,7 +196,7 @@ TEST(UciCommit, RewritesOnlyWithChanges)
 
 TEST(UciCommit, SymlinkedConfigKeepsTheLink)
 {
-	TempTree t;
+	UciTree t;
 	Context ctx(t);
 	std::string real = t.conf + "/real-file";
 	write_file(real, "config a n\n");
@@ -213,7 +213,7 @@ TEST(UciCommit, SymlinkedConfigKeepsTheLink)
 // Two contexts stand for two processes: neither loses what the other saved or committed.
 TEST(UciCommit, TwoWritersCombine)
 {
-	TempTree t;
+	UciTree t;
 	write_file(t.config("t"), "config a n\n");
 	Context a(t), b(t);
 	ASSERT_EQ(set(a, "t.n.x=1"), UCI_OK);
@@ -232,8 +232,8 @@ TEST(UciCommit, TwoWritersCombine)
 
 TEST(UciCommit, OtherDeltaDirectoriesAreAppliedButKept)
 {
-	TempTree t;
-	std::string extra = t.root + "/extra";
+	UciTree t;
+	std::string extra = t.path + "/extra";
 	std::filesystem::create_directory(extra);
 	write_file(t.config("t"), "config a n\n");
 	write_file(extra + "/t", "t.n.e='1'\n");
@@ -276,58 +276,46 @@ std::vector<std::string> listItems(Context &ctx, const char *path)
 	return items;
 }
 
-// A commit that stopped between the rename and the emptying of the delta file left its journal behind:
-// the lines it folded in must not apply twice, and lines saved after it must not be lost.
-TEST(UciCommit, InterruptedCommitIsFinished)
+// Commits cut off at each step, as their journal (SAVEDIR/.t.uci-commit) and the files show it: what a load then
+// sees, and what the next commit writes. Every case starts from a config holding item 1.
+TEST(UciCommit, InterruptedCommitsAreFinished)
 {
-	TempTree t;
-	const std::string committed = "\nconfig a 'n'\n\tlist l '1'\n\n";
-	write_file(t.config("t"), committed);
-	const std::string folded = "|t.n.l='1'\n";
-	write_file(t.delta("t"), folded + "|t.n.l='2'\n");
-	write_file(t.save + "/.t.uci-commit", journalFor(t.config("t"), folded, t.conf + "/.t.uci-gone"));
-	{
+	const std::string one = "|t.n.l='1'\n", two = "|t.n.l='2'\n";
+	struct Case {
+		const char *what;
+		std::string delta;
+		std::function<std::string(const UciTree &)> journal;
+	} cases[] = {
+		{"stopped between the rename and the emptying of the delta file: 1 is not applied twice", one + two,
+		 [&](const UciTree &t) { return journalFor(t.config("t"), one, t.conf + "/.t.uci-gone"); }},
+		{"stopped before its rename: the journal describes another file", two,
+		 [](const UciTree &t) { return "1 2 3 4 11 " + t.conf + "/.t.uci-left 0123456789abcdef\n"; }},
+		{"stopped after the emptying: 2 was saved since, as long as the folded line, and is kept", two,
+		 [&](const UciTree &t) { return journalFor(t.config("t"), one, t.conf + "/.t.uci-gone"); }},
+		{"stopped before its rename, with the commit in force as the journal's second line", one + two,
+		 [&](const UciTree &t) {
+			 return "1 2 3 4 22 " + t.conf + "/.t.uci-left 0123456789abcdef\n" +
+				journalFor(t.config("t"), one, t.conf + "/.t.uci-gone");
+		 }},
+	};
+	for (const Case &c : cases) {
+		SCOPED_TRACE(c.what);
+		UciTree t;
+		write_file(t.config("t"), "\nconfig a 'n'\n\tlist l '1'\n\n");
+		write_file(t.delta("t"), c.delta);
+		write_file(t.save + "/.t.uci-commit", c.journal(t));
+		if (c.journal(t).find(".t.uci-left") != std::string::npos)
+			write_file(t.conf + "/.t.uci-left", "partial");	// the temporary file of the cut-off commit
 		Context ctx(t);
 		EXPECT_EQ(listItems(ctx, "t.n.l"), (std::vector<std::string>{"1", "2"}));
 		Tuple l(ctx, "t.n.l");
 		uci_package *p = l.ptr.p;
 		ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
+		EXPECT_EQ(read_file(t.config("t")), "\nconfig a 'n'\n\tlist l '1'\n\tlist l '2'\n\n");
+		EXPECT_EQ(read_file(t.delta("t")), "");
+		EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
+		EXPECT_FALSE(exists(t.conf + "/.t.uci-left"));
 	}
-	EXPECT_EQ(read_file(t.config("t")), "\nconfig a 'n'\n\tlist l '1'\n\tlist l '2'\n\n");
-	EXPECT_EQ(read_file(t.delta("t")), "");
-	EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
-
-	// A journal whose file never replaced the config (the crash came before the rename) is ignored.
-	write_file(t.delta("t"), "|t.n.l='3'\n");
-	write_file(t.save + "/.t.uci-commit", "1 2 3 4 11 " + t.conf + "/.t.uci-left 0123456789abcdef\n");
-	write_file(t.conf + "/.t.uci-left", "partial");
-	Context ctx(t);
-	Tuple l(ctx, "t.n.l");
-	uci_package *p = l.ptr.p;
-	ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
-	EXPECT_EQ(read_file(t.config("t")), "\nconfig a 'n'\n\tlist l '1'\n\tlist l '2'\n\tlist l '3'\n\n");
-	EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
-	EXPECT_FALSE(exists(t.conf + "/.t.uci-left"));
-}
-
-// A commit that stopped after emptying the delta file but before deleting its journal: the delta file holds only
-// changes saved since, as long as the folded ones or longer, and none of them may be skipped.
-TEST(UciCommit, ChangesSavedAfterAnEmptiedDeltaFileAreKept)
-{
-	TempTree t;
-	write_file(t.config("t"), "\nconfig a 'n'\n\tlist l '1'\n\n");
-	write_file(t.save + "/.t.uci-commit", journalFor(t.config("t"), "|t.n.l='1'\n", t.conf + "/.t.uci-gone"));
-	write_file(t.delta("t"), "|t.n.l='9'\n");   // saved after the emptying, the same length as the folded line
-	{
-		Context ctx(t);
-		EXPECT_EQ(listItems(ctx, "t.n.l"), (std::vector<std::string>{"1", "9"}));
-		Tuple l(ctx, "t.n.l");
-		uci_package *p = l.ptr.p;
-		ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
-	}
-	EXPECT_EQ(read_file(t.config("t")), "\nconfig a 'n'\n\tlist l '1'\n\tlist l '9'\n\n");
-	EXPECT_EQ(read_file(t.delta("t")), "");
-	EXPECT_FALSE(exists(t.save + "/.t.uci-commit"));
 }
 
 class UciRevert : public ::testing::Test {
@@ -349,7 +337,7 @@ protected:
 		}
 		return rc;
 	}
-	TempTree t;
+	UciTree t;
 	Context ctx{t};
 };
 
@@ -382,14 +370,14 @@ TEST_F(UciRevert, UnsavedEditsAndMalformedFiles)
 	EXPECT_EQ(read_file(t.delta("t")), broken);
 
 	// A package loaded by path has no deltas to revert.
-	std::string path = t.root + "/bypath";
+	std::string path = t.path + "/bypath";
 	write_file(path, "config a n\n");
 	EXPECT_EQ(revert(path), UCI_ERR_INVAL);
 }
 
 TEST(UciImport, PackagesNamesAndMerge)
 {
-	TempTree t;
+	UciTree t;
 	Context ctx(t);
 	auto import = [&](const std::string &text, const char *name, uci_package **p, bool single) {
 		FILE *f = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
@@ -438,7 +426,7 @@ TEST(UciImport, PackagesNamesAndMerge)
 
 TEST(UciListConfigs, SortedFilteredOneAllocation)
 {
-	TempTree t;
+	UciTree t;
 	Context ctx(t);
 	char **list = nullptr;
 	EXPECT_EQ(uci_list_configs(ctx, &list), UCI_ERR_NOTFOUND);
@@ -452,7 +440,7 @@ TEST(UciListConfigs, SortedFilteredOneAllocation)
 		names.push_back(*c);
 	free(list);  // one allocation holds the array and the strings
 	EXPECT_EQ(names, (std::vector<std::string>{"dhcp", "firewall", "network", "wireless"}));
-	uci_set_confdir(ctx, (t.root + "/missing").c_str());
+	uci_set_confdir(ctx, (t.path + "/missing").c_str());
 	EXPECT_EQ(uci_list_configs(ctx, &list), UCI_ERR_NOTFOUND);
 }
 

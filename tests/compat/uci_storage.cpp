@@ -1,7 +1,7 @@
 // How a loaded package is held: the section index under many deletes, renames and additions, sections
 // that share a name, edits of what the parser built, and export of a package larger than the export
 // buffer.
-#include "uci_testutil.h"
+#include "support.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-using namespace ucitest;
+using namespace ct;
 
 namespace {
 
@@ -55,7 +55,7 @@ struct Model {
 // exactly the model.
 TEST(UciStorage, IndexFollowsEditsOfALargePackage)
 {
-	TempTree t;
+	UciTree t;
 	Model m;
 	for (int i = 0; i < 3000; i++)
 		m.sections.push_back({i % 3 ? "rule" : "zone", i % 5 == 4 ? "" : "s" + std::to_string(i), std::to_string(i)});
@@ -141,7 +141,7 @@ TEST(UciStorage, IndexFollowsEditsOfALargePackage)
 // first in file order is found, and once it is deleted the other one.
 TEST(UciStorage, SharedNameResolvesInFileOrder)
 {
-	TempTree t;
+	UciTree t;
 	write_file(t.config("d"), "config x 'a'\n\toption k '1'\nconfig y 'b'\nconfig z 'c'\n\toption k '3'\n");
 	write_file(t.delta("d"), "@d.c='a'\nd.b.k='2'\n");
 	Context ctx(t);
@@ -174,7 +174,7 @@ TEST(UciStorage, SharedNameResolvesInFileOrder)
 // latest state (a freed or stale string would show up here, and under the sanitizers).
 TEST(UciStorage, EditsOfParsedOptionsAndLists)
 {
-	TempTree t;
+	UciTree t;
 	write_file(t.config("e"), "config s 'n'\n\toption o 'one'\n\tlist l 'a'\n\tlist l 'b'\n\tlist l 'a'\n\toption gone 'x'\n");
 	Context ctx(t);
 	uci_package *p = nullptr;
@@ -210,7 +210,7 @@ TEST(UciStorage, EditsOfParsedOptionsAndLists)
 // stream that refuses the data gives an I/O error.
 TEST(UciStorage, LargeExportIsWhole)
 {
-	TempTree t;
+	UciTree t;
 	std::string text;
 	for (int i = 0; i < 4000; i++)
 		text += "\nconfig redirect 'fwd" + std::to_string(i) + "'\n\toption name 'it'\\''s " + std::to_string(i) +

@@ -2,7 +2,9 @@
 // reads at a point the input chooses) and then, as replies, of the client owning an object. The 4-byte tokens
 // "OBJ1" and "CLIB" are replaced by that object's id and by the first client's id, so calls and replies can be
 // routed without the fuzzer having to guess random ids.
+#include "../../compat/ubusd/ubusd_blob.cpp"
 #include "../../compat/ubusd/ubusd_bus.cpp"
+#include "../../compat/ubusd/ubusd_events.cpp"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,5 +1,5 @@
 // uci: the command-line tool for configuration packages (show, get, set, commit, ...), built on libuci.
-#include <uci.h>
+#include "cli.h"
 
 #include <getopt.h>
 #include <strings.h>
@@ -12,16 +12,23 @@
 #include <string>
 #include <vector>
 
+namespace uci_cli {
+
+uci_context *ctx;
+const char *separator = " ";
+bool real_names;
+
+}  // namespace uci_cli
+
+using namespace uci_cli;
+
 namespace {
 
 const char *argv0 = "uci";
-uci_context *ctx;
 FILE *input = stdin;
-const char *separator = " ";
 bool quiet;
 bool no_commit;
 bool merge;
-bool real_names;
 
 void usage()
 {
@@ -79,20 +86,6 @@ int report_code(int code)
 	return 1;
 }
 
-std::string escape(const char *v)
-{
-	std::string r;
-	for (; *v; v++) {
-		if (*v == '\'')
-			r += "'\\''";
-		else
-			r += *v;
-	}
-	return r;
-}
-
-std::string quoted(const char *v) { return "'" + escape(v) + "'"; }
-
 void unload_all()
 {
 	while (!uci_list_empty(&ctx->root)) {
@@ -102,52 +95,6 @@ void unload_all()
 }
 
 // ---- show / get ----
-
-std::string option_value_for_show(uci_option *o)
-{
-	if (o->type == UCI_TYPE_STRING)
-		return quoted(o->v.string);
-	std::string r;
-	bool first = true;
-	uci_element *e;
-	uci_foreach_element(&o->v.list, e) {
-		if (!first)
-			r += separator;
-		first = false;
-		r += quoted(e->name);
-	}
-	return r;
-}
-
-void show_option(const std::string &prefix, uci_option *o)
-{
-	std::string line = prefix + "." + o->e.name + "=" + option_value_for_show(o) + "\n";
-	fwrite(line.data(), 1, line.size(), stdout);
-}
-
-void show_section(const std::string &pkg, const std::string &ref, uci_section *s)
-{
-	std::string prefix = pkg + "." + ref;
-	std::string line = prefix + "=" + s->type + "\n";
-	fwrite(line.data(), 1, line.size(), stdout);
-	uci_element *e;
-	uci_foreach_element(&s->options, e)
-		show_option(prefix, uci_to_option(e));
-}
-
-void show_package(uci_package *p)
-{
-	std::map<std::string, int> seen;
-	uci_element *e;
-	uci_foreach_element(&p->sections, e) {
-		uci_section *s = uci_to_section(e);
-		int index = seen[s->type]++;
-		std::string ref = s->e.name;
-		if (s->anonymous && !real_names)
-			ref = std::string("@") + s->type + "[" + std::to_string(index) + "]";
-		show_section(p->e.name, ref, s);
-	}
-}
 
 // Runs fn for every package of the config directory that loads; errors are reported and skipped.
 template <class Fn>
@@ -207,40 +154,22 @@ int cmd_show(const std::vector<std::string> &args)
 	return 0;
 }
 
+// Looks up a tuple that must not carry a value (get, revert); false when the lookup failed or a value was given.
+bool lookup_without_value(uci_ptr &ptr, std::string &buf)
+{
+	return lookup(ptr, buf) && !ptr.value;
+}
+
 int cmd_get(const std::vector<std::string> &args)
 {
 	std::string buf = args[0];
 	uci_ptr ptr{};
-	if (!lookup(ptr, buf))
-		return 1;
-	if (ptr.value)
+	if (!lookup_without_value(ptr, buf))
 		return 1;
 	if (!(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE))
 		return report_code(UCI_ERR_NOTFOUND);
-	std::string out;
-	switch (ptr.last->type) {
-	case UCI_TYPE_SECTION:
-		out = std::string(ptr.s->type) + "\n";
-		break;
-	case UCI_TYPE_OPTION:
-		if (ptr.o->type == UCI_TYPE_STRING) {
-			out = std::string(ptr.o->v.string) + "\n";
-		} else {
-			bool first = true;
-			uci_element *e;
-			uci_foreach_element(&ptr.o->v.list, e) {
-				if (!first)
-					out += separator;
-				first = false;
-				out += strpbrk(e->name, " \t\r\n") ? quoted(e->name) : std::string(e->name);
-			}
-			out += "\n";
-		}
-		break;
-	default:
-		break;
-	}
-	fwrite(out.data(), 1, out.size(), stdout);
+	if (ptr.last->type == UCI_TYPE_SECTION || ptr.last->type == UCI_TYPE_OPTION)
+		print_value(ptr);
 	return 0;
 }
 
@@ -315,9 +244,7 @@ int cmd_revert(const std::vector<std::string> &args)
 {
 	std::string buf = args[0];
 	uci_ptr ptr{};
-	if (!lookup(ptr, buf))
-		return 1;
-	if (ptr.value)
+	if (!lookup_without_value(ptr, buf))
 		return 1;
 	if (uci_revert(ctx, &ptr) != UCI_OK) {
 		report();
@@ -350,34 +277,6 @@ int cmd_commit(const std::vector<std::string> &args)
 		}
 		return true;
 	});
-}
-
-void print_change(uci_package *p, uci_delta *d)
-{
-	std::string line;
-	if (d->cmd == UCI_CMD_REMOVE)
-		line += "-";
-	line += p->e.name;
-	line += ".";
-	line += d->section;
-	if (d->e.name) {
-		line += ".";
-		line += d->e.name;
-	}
-	switch (d->cmd) {
-	case UCI_CMD_REMOVE:
-		break;
-	case UCI_CMD_LIST_ADD:
-		line += "+=" + quoted(d->value ? d->value : "");
-		break;
-	case UCI_CMD_LIST_DEL:
-		line += "-=" + quoted(d->value ? d->value : "");
-		break;
-	default:
-		line += "=" + quoted(d->value ? d->value : "");
-	}
-	line += "\n";
-	fwrite(line.data(), 1, line.size(), stdout);
 }
 
 int cmd_changes(const std::vector<std::string> &args)

@@ -41,6 +41,15 @@ avl_run_start(const struct avl_tree *tree, struct avl_node *node)
 	return node;
 }
 
+/* Moves on to the last node of a run of keys equal to node's key. */
+static struct avl_node *
+avl_run_end(const struct avl_tree *tree, struct avl_node *node)
+{
+	while (node->list.next != &tree->list_head && !avl_list_node(node->list.next)->leader)
+		node = avl_list_node(node->list.next);
+	return node;
+}
+
 struct avl_node *
 avl_find(const struct avl_tree *tree, const void *key)
 {
@@ -56,6 +65,11 @@ avl_find(const struct avl_tree *tree, const void *key)
 	return NULL;
 }
 
+/*
+ * The nearest node at or below / at or above key. Of several nodes equal to the result's key, lessequal returns
+ * the last and greaterequal (like avl_find) the first, in list order: callers walk back from a lessequal result
+ * with avl_prev_element to see every node of its key.
+ */
 struct avl_node *
 avl_find_lessequal(const struct avl_tree *tree, const void *key)
 {
@@ -65,7 +79,7 @@ avl_find_lessequal(const struct avl_tree *tree, const void *key)
 		int c = avl_cmp(tree, key, n->key);
 
 		if (c == 0)
-			return avl_run_start(tree, n);
+			return avl_run_end(tree, n);
 		if (c < 0) {
 			n = n->left;
 		} else {
@@ -73,7 +87,7 @@ avl_find_lessequal(const struct avl_tree *tree, const void *key)
 			n = n->right;
 		}
 	}
-	return best;
+	return best ? avl_run_end(tree, best) : NULL;
 }
 
 struct avl_node *
@@ -93,7 +107,7 @@ avl_find_greaterequal(const struct avl_tree *tree, const void *key)
 			n = n->left;
 		}
 	}
-	return best;
+	return best ? avl_run_start(tree, best) : NULL;
 }
 
 static void

@@ -62,6 +62,20 @@ blobmsg_check_attr(const struct blob_attr *attr, bool name)
 	return blobmsg_check_attr_len(attr, name, blob_raw_len(attr));
 }
 
+/* The attribute after attr among the rem bytes that start at attr (rem shrinks), or NULL (rem 0) at the end. */
+static struct blob_attr *
+next_within(const struct blob_attr *attr, size_t *rem)
+{
+	size_t pad = blob_pad_len(attr);
+
+	if (pad >= *rem) {
+		*rem = 0;
+		return NULL;
+	}
+	*rem -= pad;
+	return blob_next(attr);
+}
+
 int
 blobmsg_check_array_len(const struct blob_attr *attr, int type, size_t blob_len)
 {
@@ -87,18 +101,12 @@ blobmsg_check_array_len(const struct blob_attr *attr, int type, size_t blob_len)
 	cur = (const struct blob_attr *)blobmsg_data(attr);
 	rem = blobmsg_data_len(attr);
 	while (rem >= sizeof(struct blob_attr)) {
-		size_t pad;
-
 		if (!blobmsg_check_attr_len(cur, name, rem))
 			return -1;
 		if (type != BLOBMSG_TYPE_UNSPEC && blobmsg_type(cur) != type)
 			return -1;
 		size++;
-		pad = blob_pad_len(cur);
-		if (pad >= rem)
-			break;
-		rem -= pad;
-		cur = blob_next(cur);
+		cur = next_within(cur, &rem);
 	}
 	return size;
 }
@@ -148,8 +156,6 @@ blobmsg_parse(const struct blobmsg_policy *policy, int policy_len,
 		return -EINVAL;
 
 	while (rem >= sizeof(struct blob_attr)) {
-		size_t pad;
-
 		if (!blobmsg_check_attr_len(attr, false, rem))
 			return -1;
 
@@ -173,11 +179,7 @@ blobmsg_parse(const struct blobmsg_policy *policy, int policy_len,
 			}
 		}
 
-		pad = blob_pad_len(attr);
-		if (pad >= rem)
-			break;
-		rem -= pad;
-		attr = blob_next(attr);
+		attr = next_within(attr, &rem);
 	}
 	return 0;
 }
@@ -196,18 +198,12 @@ blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len,
 		return 0;
 
 	while (rem >= sizeof(struct blob_attr) && i < policy_len) {
-		size_t pad;
-
 		if (!blobmsg_check_attr_len(attr, false, rem))
 			return -1;
 		if (policy[i].type == BLOBMSG_TYPE_UNSPEC || blob_id(attr) == (unsigned int)policy[i].type)
 			tb[i++] = attr;
 
-		pad = blob_pad_len(attr);
-		if (pad >= rem)
-			break;
-		rem -= pad;
-		attr = blob_next(attr);
+		attr = next_within(attr, &rem);
 	}
 	return 0;
 }

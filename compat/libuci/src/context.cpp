@@ -33,7 +33,7 @@ std::string parse_error_detail(uci_context *ctx)
 	if (!ctx->pctx)
 		return {};
 	std::string r = " (";
-	r += ctx->pctx->reason ? ctx->pctx->reason : "unknown";
+	r += ctx->pctx->reason;
 	r += ") at line " + std::to_string(ctx->pctx->line) + ", byte " + std::to_string(ctx->pctx->byte);
 	return r;
 }

@@ -13,7 +13,11 @@
 #include <string_view>
 #include <vector>
 
+struct stat;
+
 namespace uci_impl {
+
+class Fd;
 
 // An error raised anywhere inside the library; the public entry points turn it into a return code.
 struct Failure {
@@ -26,7 +30,7 @@ struct Failure {
 
 // The opaque parser context of the public header.
 struct uci_parse_context {
-	const char *reason = nullptr;  // static text, or nullptr for "unknown"
+	const char *reason = "";  // static text
 	int line = 0;
 	int byte = 0;
 };
@@ -59,7 +63,7 @@ int guarded(uci_context *ctx, Body &&body)
 	return ctx->err;
 }
 
-// Records a parse error (reason may be nullptr for "unknown") and raises UCI_ERR_PARSE.
+// Records a parse error and raises UCI_ERR_PARSE. Every parse error names its reason (a static text).
 [[noreturn]] void parse_error(uci_context *ctx, const char *reason, int line, int byte);
 // The detail " (reason) at line L, byte B" of the last parse error, or "" when there is none.
 std::string parse_error_detail(uci_context *ctx);
@@ -160,6 +164,57 @@ bool read_delta_lines(FILE *f, std::string_view package, const std::function<voi
 
 // Frees the state of uci_parse_argument.
 void free_argument_state(uci_context *ctx);
+
+// ---- export (export.cpp) ----
+
+// Where export text goes: collected in a buffer that is handed to the sink whenever it holds 64 KiB, so
+// that a large package is never held as text in memory as a whole.
+class Output {
+public:
+	explicit Output(std::function<void(const std::string &)> sink) : sink_(std::move(sink)) { buf_.reserve(kChunk + 4096); }
+	std::string &text() { return buf_; }
+	// Passes a full buffer on; call after each line.
+	void line_done()
+	{
+		if (buf_.size() >= kChunk)
+			flush();
+	}
+	void flush()
+	{
+		if (!buf_.empty())
+			sink_(buf_);
+		buf_.clear();
+	}
+
+private:
+	static constexpr size_t kChunk = 65536;
+	std::function<void(const std::string &)> sink_;
+	std::string buf_;
+};
+
+
+// Writes p in the format of a committed file, with a "package NAME" line first when header is set.
+void export_package(Output &output, uci_context *ctx, uci_package *p, bool header);
+// The line a delta file holds for d (with its newline).
+std::string delta_text(const uci_delta *d, const char *package);
+
+// ---- the commit journal (journal.cpp) ----
+
+// Bytes at the start of the delta file DIR/PKG (open as fd) that the commit which produced the config file whose
+// status is *config already folded in (0 when none).
+long committed_prefix(const std::string &dir, const char *pkg, const struct stat *config, int fd);
+// Removes the temporary files of journalled commits that never replaced the config (*config).
+void drop_unfinished_temps(const std::string &dir, const char *pkg, const struct stat *config);
+// Removes temporary files of earlier commits of pkg that were cut off before their journal was written.
+void drop_stale_temps(const std::string &dir, const char *pkg);
+// Records, before the rename, that the temporary file temp (open as tfd) folds in the first `consumed` bytes of
+// the delta file open as dfd, keeping the record in force for the current config. On failure the temporary file
+// is removed.
+void write_journal(const std::string &savedir, const char *pkg, const std::string &temp, int tfd, int dfd,
+	size_t consumed, const struct stat &config);
+// After the rename: empties the delta file and deletes the journal.
+void finish_journal(const std::string &savedir, const char *pkg, const Fd &dfd);
+void remove_journal(const std::string &savedir, const char *pkg);
 
 // ---- files (file.cpp) ----
 

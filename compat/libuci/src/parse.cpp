@@ -573,10 +573,10 @@ int uci_parse_argument(struct uci_context *ctx, FILE *stream, char **str, char *
 		bool got;
 		try {
 			got = tok.next(token);
-		} catch (const TokenError &) {
+		} catch (const TokenError &e) {
 			st.lines_read = src.line;
 			*str = st.line.data() + st.line.size();
-			parse_error(ctx, nullptr, src.line, static_cast<int>(st.line.size()));
+			parse_error(ctx, e.reason, src.line, static_cast<int>(st.line.size()));
 		}
 		st.lines_read = src.line;
 		if (!got) {

@@ -227,20 +227,20 @@ blob_put_u64(struct blob_buf *buf, int id, uint64_t val)
  * Walks the attributes of a region. A step needs at least a header left, a
  * padded length that fits the rest of the region and is at least a header.
  */
+#define __blob_walk(pos, rem)						\
+	rem >= sizeof(struct blob_attr) &&				\
+	(blob_pad_len(pos) <= rem) &&					\
+	(blob_pad_len(pos) >= sizeof(struct blob_attr));		\
+	rem -= blob_pad_len(pos), pos = blob_next(pos)
+
 #define __blob_for_each_attr(pos, attr, rem)				\
 	for (pos = (struct blob_attr *) (attr);				\
-	     rem >= sizeof(struct blob_attr) &&				\
-	     (blob_pad_len(pos) <= rem) &&				\
-	     (blob_pad_len(pos) >= sizeof(struct blob_attr));		\
-	     rem -= blob_pad_len(pos), pos = blob_next(pos))
+	     __blob_walk(pos, rem))
 
 #define blob_for_each_attr(pos, attr, rem)				\
 	for (rem = (attr) ? blob_len(attr) : 0,				\
 	     pos = (struct blob_attr *) ((attr) ? blob_data(attr) : NULL); \
-	     rem >= sizeof(struct blob_attr) &&				\
-	     (blob_pad_len(pos) <= rem) &&				\
-	     (blob_pad_len(pos) >= sizeof(struct blob_attr));		\
-	     rem -= blob_pad_len(pos), pos = blob_next(pos))
+	     __blob_walk(pos, rem))
 
 /* as blob_for_each_attr, but never beyond attr_len bytes from attr */
 #define blob_for_each_attr_len(pos, attr, attr_len, rem)		\
@@ -249,10 +249,7 @@ blob_put_u64(struct blob_buf *buf, int id, uint64_t val)
 		   ((size_t)(attr_len) - sizeof(struct blob_attr) < blob_len(attr) ? \
 		    (size_t)(attr_len) - sizeof(struct blob_attr) : blob_len(attr)) : 0, \
 	     pos = (struct blob_attr *) ((attr) ? blob_data(attr) : NULL); \
-	     rem >= sizeof(struct blob_attr) &&				\
-	     (blob_pad_len(pos) <= rem) &&				\
-	     (blob_pad_len(pos) >= sizeof(struct blob_attr));		\
-	     rem -= blob_pad_len(pos), pos = blob_next(pos))
+	     __blob_walk(pos, rem))
 
 #ifdef __cplusplus
 }

@@ -325,17 +325,11 @@ int blobmsg_printf(struct blob_buf *buf, const char *name, const char *format, .
 #define blobmsg_for_each_attr(pos, attr, rem)				\
 	for (rem = (attr) ? blobmsg_data_len(attr) : 0,			\
 	     pos = (struct blob_attr *) ((attr) ? blobmsg_data(attr) : NULL); \
-	     rem >= sizeof(struct blob_attr) &&				\
-	     (blob_pad_len(pos) <= rem) &&				\
-	     (blob_pad_len(pos) >= sizeof(struct blob_attr));		\
-	     rem -= blob_pad_len(pos), pos = blob_next(pos))
+	     __blob_walk(pos, rem))
 
 #define __blobmsg_for_each_attr(pos, attr, rem)				\
 	for (pos = (struct blob_attr *) ((attr) ? blobmsg_data(attr) : NULL); \
-	     rem >= sizeof(struct blob_attr) &&				\
-	     (blob_pad_len(pos) <= rem) &&				\
-	     (blob_pad_len(pos) >= sizeof(struct blob_attr));		\
-	     rem -= blob_pad_len(pos), pos = blob_next(pos))
+	     __blob_walk(pos, rem))
 
 #ifdef __cplusplus
 }
