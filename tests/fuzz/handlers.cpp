@@ -11,11 +11,14 @@
 // (2) refuse; every command runs a program of the daemon's, and no argument or redirection holds text a shell would
 // have split (request data is always one word); every package still loads; open descriptors stay flat.
 // GWCONF_FUZZ_VERBOSE=1 prints each call, its status, reply and commands (to replay a saved input).
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
@@ -80,22 +83,34 @@ int uciTool(const Command &c)
     return rc == UCI_OK ? 0 : 1;
 }
 
-// Every command runs one of the daemon's programs, each argument is one word (no blank, tab or line end that a shell
-// would have split it at: request data never reaches a command unchecked) and output goes to the daemon's own files.
-void checkCommand(const Command &c)
+// Every command runs one of the daemon's programs and redirects only to its own files; no argument holds a blank,
+// tab or line end followed by an option (words of a command line run together, which a shell would have split).
+// The WAN script, the one file that a shell runs, holds no text of a request: only numbers and dotted addresses.
+void checkCommands()
 {
     static const std::set<std::string> programs = {
         "iptables", "ip6tables", "ebtables", "uci", "/etc/init.d/firewall", "/etc/init.d/miniupnpd",
         "/etc/init.d/network", "/tmp/wanPortMap.sh"};
-    if (c.argv.empty() || !programs.count(c.argv[0]))
-        fail("command of an unknown program: " + c.line);
-    for (const std::string &a : c.argv)
-        for (unsigned char ch : a)
-            if (ch == ' ' || ch == '\t' || ch == '\n')
-                fail("an argument holds text a shell would have split: " + c.line);
-    for (const routeutils::Redirection &r : c.redirections)
-        if (!r.toStdout && r.path != "/dev/null" && r.path != "/tmp/wanPortMap.log")
-            fail("redirection to " + r.path + ": " + c.line);
+    for (const Command &c : g_runner.commands) {
+        if (g_verbose)
+            std::fprintf(stderr, "run %s\n", c.line.c_str());
+        if (c.argv.empty() || !programs.count(c.argv[0]))
+            fail("command of an unknown program: " + c.line);
+        for (const std::string &a : c.argv)
+            for (size_t i = a.find_first_of(" \t\n"); i != std::string::npos; i = a.find_first_of(" \t\n", i + 1)) {
+                const size_t j = a.find_first_not_of('-', i + 1);
+                if (j > i + 1 && j != std::string::npos && std::isalpha(static_cast<unsigned char>(a[j])))
+                    fail("an argument holds several words of a command line: " + c.line);
+            }
+        for (const routeutils::Redirection &r : c.redirections)
+            if (!r.toStdout && r.path != "/dev/null" && r.path != "/tmp/wanPortMap.log")
+                fail("redirection to " + r.path + ": " + c.line);
+    }
+    std::ifstream in(g_root + "/tmp/wanPortMap.sh");
+    const std::string script{std::istreambuf_iterator<char>(in), {}};
+    if (script.find_first_not_of("#!/ .-0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ\n") !=
+        std::string::npos)
+        fail("the WAN script holds request text:\n" + script);
 }
 
 // Every member passes the library's check, members of nested tables and arrays too, and they fill their container.
@@ -152,11 +167,7 @@ void call(const Method &method, std::unique_ptr<uint8_t[]> msg)
             uloop_timeout_cancel(t);
         }
     }
-    for (const Command &c : g_runner.commands) {
-        if (g_verbose)
-            std::fprintf(stderr, "run %s\n", c.line.c_str());
-        checkCommand(c);
-    }
+    checkCommands();
     for (auto &bytes : g_replies) {
         auto *reply = reinterpret_cast<blob_attr *>(bytes.data());
         char *json = validMembers(blob_data(reply), blob_len(reply), true) ? blobmsg_format_json(reply, true)
