@@ -1,54 +1,37 @@
-// The daemon's 20 methods, called in this process with arbitrary messages: commands go to the recording runner,
-// the configuration is a temporary system root filled from sandbox/defaults for every input, replies come through
-// busReplyTap, and the timers a call armed fire right after it.
-//
-// Input: up to four calls, one per line. A call is a byte that picks the method (('a' + i) is method i of the list
-// printed at start-up, modulo its length), then either a JSON object (the message, as `ubus call` takes it), or
-// nothing (an empty message), or any other bytes: the raw payload of the message, which ends the input.
-//
-// Checks, besides the sanitizers and leaks: every reply is a well-formed blobmsg table; a call answers exactly
-// when its status is 0, and only setIptv and setForbiddNet (-1), the agent's setMacFilter (2 or 9) and setIptvVlan
-// (2) refuse; every command runs a program of the daemon's, and no argument or redirection holds text a shell would
-// have split (request data is always one word); every package still loads; open descriptors stay flat.
-// GWCONF_FUZZ_VERBOSE=1 prints each call, its status, reply and commands (to replay a saved input).
+// The daemon's 20 methods in this process: commands go to the recording runner, the configuration is a system root
+// refilled from sandbox/defaults for every input, replies come through busReplyTap, armed timers fire at once.
+// Input: up to four calls, one per line: a byte picks the method ('a' + i is method i of the list printed at start),
+// then a JSON object (the message), nothing (an empty one) or other bytes (a raw payload, to the end of the input).
+// Checked besides the sanitizers: replies are well-formed, a call answers exactly when its status is 0 and refuses
+// only as listed in call(), commands are sane, every package still loads, descriptors stay flat.
 #include <cctype>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
+#include <map>
 #include <set>
-#include <string>
 #include <syslog.h>
 #include <unistd.h>
-#include <vector>
 
-#include <arpa/inet.h>
 #include <libubox/blobmsg_json.h>
 #include <libubox/uloop.h>
-#include <uci.h>
 
 #include "busmethod.h"
 #include "gwconf.h"
 #include "routeutils/system.h"
+#include "routeutils/uci_session.h"
 
 namespace fs = std::filesystem;
 using routeutils::Command;
 
 namespace {
 
-struct Method {
-    ubus_object *obj;
-    const ubus_method *m;
-};
-std::vector<Method> g_methods;
+std::vector<std::pair<ubus_object *, const ubus_method *>> g_methods;
 std::string g_root;
 routeutils::RecordingRunner g_runner;
 std::vector<std::vector<char>> g_replies;
-bool g_verbose = false;
 
 [[noreturn]] void fail(const std::string &what)
 {
@@ -56,30 +39,19 @@ bool g_verbose = false;
     std::abort();
 }
 
-uci_context *uciContext()
-{
-    uci_context *ctx = uci_alloc_context();
-    uci_set_confdir(ctx, (g_root + "/etc/config").c_str());
-    uci_set_savedir(ctx, (g_root + "/tmp/.uci").c_str());
-    return ctx;
-}
-
-// The uci tool's set, delete and commit, done with libuci on the root, as the router's tool would do them.
+// The uci tool's set, delete and commit, done with libuci on the root as the router's tool does them.
 int uciTool(const Command &c)
 {
-    if (c.argv.size() != 3)
-        return 1;
-    uci_context *ctx = uciContext();
-    std::string arg = c.argv[2];
+    routeutils::UciSession s;
+    std::string arg = c.argv.size() == 3 ? c.argv[2] : "";
     uci_ptr ptr{};
-    int rc = uci_lookup_ptr(ctx, &ptr, arg.data(), true);
+    int rc = uci_lookup_ptr(s.ctx(), &ptr, arg.data(), true);
     if (rc == UCI_OK && c.argv[1] == "set")
-        rc = uci_set(ctx, &ptr) ?: uci_save(ctx, ptr.p);
+        rc = uci_set(s.ctx(), &ptr) ?: uci_save(s.ctx(), ptr.p);
     else if (rc == UCI_OK && c.argv[1] == "delete")
-        rc = uci_delete(ctx, &ptr) ?: uci_save(ctx, ptr.p);
+        rc = uci_delete(s.ctx(), &ptr) ?: uci_save(s.ctx(), ptr.p);
     else if (rc == UCI_OK && c.argv[1] == "commit")
-        rc = uci_commit(ctx, &ptr.p, false);
-    uci_free_context(ctx);
+        rc = uci_commit(s.ctx(), &ptr.p, false);
     return rc == UCI_OK ? 0 : 1;
 }
 
@@ -92,8 +64,6 @@ void checkCommands()
         "iptables", "ip6tables", "ebtables", "uci", "/etc/init.d/firewall", "/etc/init.d/miniupnpd",
         "/etc/init.d/network", "/tmp/wanPortMap.sh"};
     for (const Command &c : g_runner.commands) {
-        if (g_verbose)
-            std::fprintf(stderr, "run %s\n", c.line.c_str());
         if (c.argv.empty() || !programs.count(c.argv[0]))
             fail("command of an unknown program: " + c.line);
         for (const std::string &a : c.argv)
@@ -119,87 +89,56 @@ bool validMembers(const void *data, size_t len, bool named)
     blob_attr *cur;
     size_t rem = len, seen = 0;
     __blob_for_each_attr(cur, const_cast<void *>(data), rem) {
-        if (!blobmsg_check_attr(cur, named))
-            return false;
         const int type = blobmsg_type(cur);
-        if ((type == BLOBMSG_TYPE_TABLE || type == BLOBMSG_TYPE_ARRAY) &&
-            !validMembers(blobmsg_data(cur), blobmsg_data_len(cur), type == BLOBMSG_TYPE_TABLE))
+        if (!blobmsg_check_attr(cur, named) ||
+            ((type == BLOBMSG_TYPE_TABLE || type == BLOBMSG_TYPE_ARRAY) &&
+             !validMembers(blobmsg_data(cur), blobmsg_data_len(cur), type == BLOBMSG_TYPE_TABLE)))
             return false;
         seen += blob_pad_len(cur);
     }
     return seen == len;
 }
 
-bool refusalAllowed(const std::string &method, int status)
+// msg holds exactly the message's padded bytes (a vector of that size), so that a read past it is caught.
+void call(ubus_object *obj, const ubus_method *method, std::vector<uint8_t> msg)
 {
-    if (method == "RTIptv.setIptv" || method == "firewall.setForbiddNet")
-        return status == -1;
-    if (method == "zelmad.macfilter.setMacFilter")
-        return status == UBUS_STATUS_INVALID_ARGUMENT || status == UBUS_STATUS_UNKNOWN_ERROR;
-    return method == "zelmad.vlan.setIptvVlan" && status == UBUS_STATUS_INVALID_ARGUMENT;
-}
-
-// The message as a heap block of exactly its padded size, so that a read past it is caught.
-std::unique_ptr<uint8_t[]> exactCopy(const void *attr, size_t len)
-{
-    auto copy = std::make_unique<uint8_t[]>(len);
-    std::memcpy(copy.get(), attr, len);
-    return copy;
-}
-
-void call(const Method &method, std::unique_ptr<uint8_t[]> msg)
-{
-    const std::string name = std::string(method.obj->name) + "." + method.m->name;
-    auto *attr = reinterpret_cast<blob_attr *>(msg.get());
-    if (g_verbose) {
-        char *json = blobmsg_format_json(attr, true);
-        std::fprintf(stderr, "call %s %s\n", name.c_str(), json ? json : "(not printable)");
-        std::free(json);
-    }
+    static const std::map<std::string, std::set<int>> refusals = {
+        {"RTIptv.setIptv", {-1}}, {"firewall.setForbiddNet", {-1}},
+        {"zelmad.macfilter.setMacFilter", {UBUS_STATUS_INVALID_ARGUMENT, UBUS_STATUS_UNKNOWN_ERROR}},
+        {"zelmad.vlan.setIptvVlan", {UBUS_STATUS_INVALID_ARGUMENT}}};
+    const std::string name = std::string(obj->name) + "." + method->name;
     g_replies.clear();
     g_runner.commands.clear();
     ubus_request_data req{};
-    const int status = method.m->handler(nullptr, method.obj, &req, method.m->name, attr);
-    for (uloop_timeout *t : {&reloadNetworkTimer, &wanPortMapTimer}) {
-        if (t->pending) {
-            uloop_timeout_cancel(t);
+    const int status = method->handler(nullptr, obj, &req, method->name, reinterpret_cast<blob_attr *>(msg.data()));
+    for (uloop_timeout *t : {&reloadNetworkTimer, &wanPortMapTimer})
+        if (t->pending && uloop_timeout_cancel(t) == 0)
             t->cb(t);
-            uloop_timeout_cancel(t);
-        }
-    }
     checkCommands();
     for (auto &bytes : g_replies) {
         auto *reply = reinterpret_cast<blob_attr *>(bytes.data());
-        char *json = validMembers(blob_data(reply), blob_len(reply), true) ? blobmsg_format_json(reply, true)
-                                                                            : nullptr;
+        char *json = validMembers(blob_data(reply), blob_len(reply), true) ? blobmsg_format_json(reply, true) : nullptr;
         if (json == nullptr)
             fail("the reply of " + name + " is not a well-formed blobmsg table");
-        if (g_verbose)
-            std::fprintf(stderr, "reply %s\n", json);
         std::free(json);
     }
-    if (g_verbose)
-        std::fprintf(stderr, "status %d\n", status);
     if (status == 0 && g_replies.size() != 1)
         fail(name + " returned 0 with " + std::to_string(g_replies.size()) + " replies");
-    if (status != 0 && (!g_replies.empty() || !refusalAllowed(name, status)))
+    if (status != 0 && (!g_replies.empty() || !refusals.count(name) || !refusals.at(name).count(status)))
         fail(name + " refused with status " + std::to_string(status) + " in a way it must not");
 }
 
 // The root as the router starts: the default configuration, nothing saved, no file the daemon wrote.
 void resetRoot()
 {
-    fs::remove_all(g_root + "/etc");
-    fs::remove_all(g_root + "/tmp");
+    for (const char *dir : {"/etc", "/tmp"})
+        fs::remove_all(g_root + dir);
     fs::create_directories(g_root + "/tmp/.uci");
     fs::create_directories(g_root + "/etc");
     fs::copy(GWCONF_SOURCE_DIR "/sandbox/defaults", g_root + "/etc/config", fs::copy_options::recursive);
 }
 
-int countDescriptors()
-{
-    return int(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
-}
+int countDescriptors() { return int(std::distance(fs::directory_iterator("/proc/self/fd"), {})); }
 
 }  // namespace
 
@@ -211,7 +150,6 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     close(devnull);
     setenv("GWCONF_LOG_LEVEL", "debug", 1);
     setlogmask(LOG_MASK(LOG_EMERG));
-    g_verbose = std::getenv("GWCONF_FUZZ_VERBOSE") != nullptr;
     char tmpl[] = "/dev/shm/gwconf-fuzz-handlers-XXXXXX";  // tmpfs: an input writes a dozen files
     if (mkdtemp(tmpl) == nullptr)
         fail("no temporary folder");
@@ -219,11 +157,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     std::atexit([] { fs::remove_all(g_root); });
     resetRoot();
     routeutils::setSystemRoot(g_root);
-    g_runner.answer = [](const Command &c) { return c.argv.size() > 0 && c.argv[0] == "uci" ? uciTool(c) : 0; };
+    g_runner.answer = [](const Command &c) { return c.argv[0] == "uci" && c.argv.size() > 1 ? uciTool(c) : 0; };
     routeutils::installCommandRunner(&g_runner);
     busReplyTap = [](blob_attr *reply) {
-        const auto *p = reinterpret_cast<const char *>(reply);
-        g_replies.emplace_back(p, p + blob_pad_len(reply));
+        g_replies.emplace_back(reinterpret_cast<char *>(reply), reinterpret_cast<char *>(reply) + blob_pad_len(reply));
     };
     uloop_init();
     wanPortMapTimer.cb = applyConfig;
@@ -235,7 +172,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
                            &zelmadVlanObject, &rtPortMapObject, &rtUpnpObject, &rtWanPortMapObject})
         for (int i = 0; i < o->n_methods; ++i) {
             std::fprintf(stderr, " %c=%s.%s", char('a' + g_methods.size()), o->name, o->methods[i].name);
-            g_methods.push_back({o, &o->methods[i]});
+            g_methods.emplace_back(o, &o->methods[i]);
         }
     std::fprintf(stderr, "\n");
     return 0;
@@ -245,41 +182,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static int inputs = 0, baselineFds = -1;
     resetRoot();
-
     const char *p = reinterpret_cast<const char *>(data), *end = p + size;
     for (int calls = 0; calls < 4 && p < end; ++calls) {
-        const Method &method = g_methods[uint8_t(*p++ - 'a') % g_methods.size()];
+        const auto [obj, method] = g_methods[uint8_t(*p++ - 'a') % g_methods.size()];
         const char *eol = static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)));
-        if (eol == nullptr)
+        eol = eol ? eol : end;
+        blob_buf b{};
+        blob_buf_init(&b, 0);
+        bool parsed = true;
+        if (p < eol && *p == '{')
+            parsed = blobmsg_add_json_from_string(&b, std::string(p, eol).c_str());
+        else if (p < eol) {  // a client may send any payload: the bus checks only that it fits in the message
+            blob_put_raw(&b, p, unsigned(end - p));
             eol = end;
-        if (p == eol || *p == '{') {
-            const std::string json(p, eol);
-            blob_buf b{};
-            blob_buf_init(&b, 0);
-            if (json.empty() || blobmsg_add_json_from_string(&b, json.c_str()))
-                call(method, exactCopy(b.head, blob_pad_len(b.head)));
-            blob_buf_free(&b);
-            p = eol + (eol < end);
-        } else {
-            // A client may send any payload: the bus checks only that the data attribute fits in the message.
-            const size_t raw = sizeof(blob_attr) + size_t(end - p), padded = (raw + 3) & ~size_t(3);
-            auto msg = std::make_unique<uint8_t[]>(padded);
-            const uint32_t idLen = htonl((uint32_t(UBUS_ATTR_DATA) << 24) | uint32_t(raw));
-            std::memcpy(msg.get(), &idLen, 4);
-            std::memcpy(msg.get() + 4, p, size_t(end - p));
-            call(method, std::move(msg));
-            p = end;
         }
+        if (parsed)
+            call(obj, method, std::vector<uint8_t>((uint8_t *)b.head, (uint8_t *)b.head + blob_pad_len(b.head)));
+        blob_buf_free(&b);
+        p = eol + (eol < end);
     }
-    uci_context *ctx = uciContext();
     for (const auto &file : fs::directory_iterator(g_root + "/etc/config")) {
-        uci_package *pkg = nullptr;
-        if (uci_load(ctx, file.path().filename().c_str(), &pkg) != UCI_OK)
+        routeutils::UciSession s;
+        if (s.load(file.path().filename().c_str()) != UCI_OK)
             fail("package " + file.path().filename().string() + " no longer loads");
-        uci_unload(ctx, pkg);
     }
-    uci_free_context(ctx);
-
     if (++inputs == 8)
         baselineFds = countDescriptors();
     if (baselineFds >= 0 && inputs % 64 == 0 && countDescriptors() > baselineFds + 8)
