@@ -1,19 +1,18 @@
 // The daemon's 20 methods in this process: commands go to the recording runner, the configuration is a system root
 // refilled from sandbox/defaults for every input, replies come through busReplyTap, armed timers fire at once.
-// Input: up to four calls, one per line: a byte picks the method ('a' + i is method i of the list printed at start),
-// then a JSON object (the message), nothing (an empty one) or other bytes (a raw payload, to the end of the input).
+// Input: up to four calls, one per line; a byte picks the method ('a' + i: the i-th in registration order, listed in
+// docs/reliability.md), then a JSON object (the message), nothing, or other bytes (a raw payload to the input's end).
 // Checked besides the sanitizers: replies are well-formed, a call answers exactly when its status is 0 and refuses
 // only as listed in call(), commands are sane, every package still loads, descriptors stay flat.
 #include <cctype>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
 #include <set>
+#include <sanitizer/common_interface_defs.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <libubox/blobmsg_json.h>
 #include <libubox/uloop.h>
@@ -33,9 +32,12 @@ std::string g_root;
 routeutils::RecordingRunner g_runner;
 std::vector<std::vector<char>> g_replies;
 
+void removeRoot() { fs::remove_all(g_root); }
+
 [[noreturn]] void fail(const std::string &what)
 {
     std::fprintf(stderr, "fuzz_handlers: %s\n", what.c_str());
+    removeRoot();
     std::abort();
 }
 
@@ -145,16 +147,16 @@ int countDescriptors() { return int(std::distance(fs::directory_iterator("/proc/
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     // What the daemon prints on standard output goes nowhere; its log lines are formatted but not sent.
-    const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(devnull, STDOUT_FILENO);
-    close(devnull);
+    if (std::freopen("/dev/null", "w", stdout) == nullptr)
+        fail("no /dev/null");
     setenv("GWCONF_LOG_LEVEL", "debug", 1);
     setlogmask(LOG_MASK(LOG_EMERG));
     char tmpl[] = "/dev/shm/gwconf-fuzz-handlers-XXXXXX";  // tmpfs: an input writes a dozen files
     if (mkdtemp(tmpl) == nullptr)
         fail("no temporary folder");
     g_root = tmpl;
-    std::atexit([] { fs::remove_all(g_root); });
+    std::atexit(removeRoot);
+    __sanitizer_set_death_callback(removeRoot);
     resetRoot();
     routeutils::setSystemRoot(g_root);
     g_runner.answer = [](const Command &c) { return c.argv[0] == "uci" && c.argv.size() > 1 ? uciTool(c) : 0; };
@@ -167,14 +169,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     macFilterInit();
     iptvInit();
     NatForward_upnpRestore(nullptr);
-    std::fprintf(stderr, "fuzz_handlers: methods");
     for (ubus_object *o : {&rtMacFilterObject, &zelmadMacfilterObject, &rtIptvObject, &firewallObject,
                            &zelmadVlanObject, &rtPortMapObject, &rtUpnpObject, &rtWanPortMapObject})
-        for (int i = 0; i < o->n_methods; ++i) {
-            std::fprintf(stderr, " %c=%s.%s", char('a' + g_methods.size()), o->name, o->methods[i].name);
+        for (int i = 0; i < o->n_methods; ++i)
             g_methods.emplace_back(o, &o->methods[i]);
-        }
-    std::fprintf(stderr, "\n");
     return 0;
 }
 
