@@ -32,7 +32,12 @@ std::string g_root;
 routeutils::RecordingRunner g_runner;
 std::vector<std::vector<char>> g_replies;
 
-void removeRoot() { fs::remove_all(g_root); }
+void removeRoot()
+{
+    std::error_code ignored;
+    if (!g_root.empty())
+        fs::remove_all(g_root, ignored);
+}
 
 [[noreturn]] void fail(const std::string &what)
 {
@@ -159,7 +164,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     __sanitizer_set_death_callback(removeRoot);
     resetRoot();
     routeutils::setSystemRoot(g_root);
-    g_runner.answer = [](const Command &c) { return c.argv[0] == "uci" && c.argv.size() > 1 ? uciTool(c) : 0; };
+    g_runner.answer = [](const Command &c) { return c.argv.size() > 1 && c.argv[0] == "uci" ? uciTool(c) : 0; };
     routeutils::installCommandRunner(&g_runner);
     busReplyTap = [](blob_attr *reply) {
         g_replies.emplace_back(reinterpret_cast<char *>(reply), reinterpret_cast<char *>(reply) + blob_pad_len(reply));
