@@ -4,10 +4,14 @@
 //   gwcall --init                    ROOT/etc/config from the default configuration, ROOT/tmp and ROOT/var/run
 //   gwcall --start                   the daemon's start-up steps (MAC filter, IPTV, UPnP and DMZ, the WAN apply)
 //   gwcall --uci ARGS...             the uci tool on ROOT's configuration (its changes saved in ROOT/tmp/.uci)
-//   gwcall OBJECT METHOD ['JSON']    the same arguments as `ubus call`
+//   gwcall [-S] [-l] OBJECT METHOD ['JSON']
+//                                    the same arguments as `ubus call`; -S prints the reply on one line as
+//                                    `ubus -S call` does, -l adds the daemon's log lines (errors, or
+//                                    the level GWCONF_LOG_LEVEL names)
 //
-// Output: the reply exactly as `ubus call` prints it (nothing without one); then "run: " and each command the call
-// ran, quoted as the emulated router's journal quotes it, with its redirections and a final "&"; then, for each
+// Output: the reply exactly as `ubus call` prints it (nothing without one); with -l the log lines of the call and
+// of its timers, each as `LEVEL [FUNCTION]MESSAGE` (the line number left out); then "run: " and each command the
+// call ran, quoted as the emulated router's journal quotes it, with its redirections and a final "&"; then, for each
 // timer the call armed, "timer: NAME after N ms" and what the timer runs when it fires (fired at once here). The
 // exit status is the bus status as `ubus -S call` gives it (status & 0xff).
 //
@@ -23,7 +27,9 @@
 #include <cwctype>
 #include <fcntl.h>
 #include <filesystem>
+#include <regex>
 #include <string>
+#include <sys/mman.h>
 #include <unistd.h>
 #include <vector>
 
@@ -40,6 +46,7 @@ using routeutils::Command;
 namespace {
 
 std::string g_root;
+int g_stderr = -1;  // with -l: the caller's standard error, while fd 2 collects the daemon's log lines
 std::vector<char> g_reply;  // the reply blob, as the bus would have sent it
 
 void keepReply(blob_attr *reply)
@@ -114,7 +121,13 @@ int answer(const Command &c, int status)
     Command uci;
     uci.argv = {tool && *tool ? tool : GWCALL_UCI, "-c", g_root + "/etc/config", "-t", g_root + "/tmp/.uci"};
     uci.argv.insert(uci.argv.end(), c.argv.begin() + 1, c.argv.end());
-    return routeutils::runCommand(uci);
+    const int log = g_stderr < 0 ? -1 : dup(STDERR_FILENO);  // the tool's messages are not the daemon's log
+    if (log >= 0)
+        dup2(g_stderr, STDERR_FILENO);
+    const int rc = routeutils::runCommand(uci);
+    if (log >= 0)
+        dup2(log, STDERR_FILENO), close(log);
+    return rc;
 }
 
 int init()
@@ -164,6 +177,9 @@ int main(int argc, char **argv)
     g_root = fs::absolute(root && *root ? root : ".").lexically_normal().string();
     if (g_root.size() > 1 && g_root.back() == '/')
         g_root.pop_back();
+    bool compact = false, logs = false;  // -S, -l
+    for (; argc > 1 && (std::strcmp(argv[1], "-S") == 0 || std::strcmp(argv[1], "-l") == 0); --argc, ++argv)
+        (argv[1][1] == 'S' ? compact : logs) = true;
     const bool start = argc == 2 && std::strcmp(argv[1], "--start") == 0;
     if (argc == 2 && std::strcmp(argv[1], "--init") == 0)
         return init();
@@ -174,7 +190,7 @@ int main(int argc, char **argv)
         return answer(uci, 0);
     }
     if (!start && (argc < 3 || argc > 4)) {
-        std::fprintf(stderr, "usage: gwcall --init | --start | --uci ARGS... | OBJECT METHOD ['JSON']\n");
+        std::fprintf(stderr, "usage: gwcall --init | [-l] --start | --uci ARGS... | [-S] [-l] OBJECT METHOD ['JSON']\n");
         return 1;
     }
 
@@ -192,6 +208,13 @@ int main(int argc, char **argv)
     const int out = dup(STDOUT_FILENO);
     const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
     dup2(devnull, STDOUT_FILENO);
+    const int logFd = logs ? memfd_create("gwcall-log", MFD_CLOEXEC) : -1;
+    if (logFd >= 0) {
+        setenv("GWCONF_LOG_STDERR", "1", 1);
+        setenv("GWCONF_LOG_LEVEL", "err", 0);  // the errors; GWCONF_LOG_LEVEL=info adds the info lines
+        g_stderr = dup(STDERR_FILENO);
+        dup2(logFd, STDERR_FILENO);
+    }
     int result = 0;
     if (start) {
         macFilterInit();
@@ -217,13 +240,23 @@ int main(int argc, char **argv)
     }
     std::fflush(stdout);
     dup2(out, STDOUT_FILENO);
+    std::string logLines;  // each entry "LEVEL [FUNCTION:LINE]MESSAGE" without ":LINE"
+    if (logFd >= 0) {
+        dup2(g_stderr, STDERR_FILENO);
+        char chunk[4096];
+        lseek(logFd, 0, SEEK_SET);
+        for (ssize_t n; (n = read(logFd, chunk, sizeof chunk)) > 0;)
+            logLines.append(chunk, static_cast<size_t>(n));
+        static const std::regex kLine("^((?:error|info|debug) \\[[^\\]:]*):[0-9]+\\]", std::regex::multiline);
+        logLines = std::regex_replace(logLines, kLine, "$1]");
+    }
 
     if (!g_reply.empty()) {
-        char *text = blobmsg_format_json_indent(reinterpret_cast<blob_attr *>(g_reply.data()), true, 0);
+        char *text = blobmsg_format_json_indent(reinterpret_cast<blob_attr *>(g_reply.data()), true, compact ? -1 : 0);
         std::printf("%s\n", text ? text : "");
         std::free(text);
     }
-    std::printf("%s%s", ran.c_str(), timers.c_str());
+    std::printf("%s%s%s", logLines.c_str(), ran.c_str(), timers.c_str());
     uloop_done();
     return result & 0xff;
 }
