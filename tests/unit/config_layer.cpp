@@ -1,0 +1,200 @@
+// The configuration layer (src/uci and the accessors of platform/routeutils) on a temporary system root: what each
+// operation returns, reads and writes, and the reason it logs.
+#include "common/log_capture.h"
+#include "routeutils/routeutils.h"
+#include "routeutils/system.h"
+#include "routeutils/uci_session.h"
+#include "uciconfig.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <sstream>
+#include <sys/resource.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const char kPackage[] = "config t 'main'\n\toption enabled '1'\n\toption name 'a-rather-long-name'\n"
+                        "\toption port '4294967295'\n\tlist member 'AA:BB:CC:DD:EE:01/phone'\n"
+                        "\tlist member 'AA:BB:CC:DD:EE:02/tv'\n\tlist member 'AA:BB:CC:DD:EE:03/pc'\n\n"
+                        "config t\n\toption name 'second'\n";
+
+class ConfigLayer : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/gwconf-config-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        root_ = tmpl;
+        fs::create_directories(root_ / "etc/config");
+        fs::create_directories(root_ / "tmp");
+        std::ofstream(root_ / "etc/config/t") << kPackage;
+        routeutils::setSystemRoot(root_);
+    }
+    void TearDown() override
+    {
+        routeutils::setSystemRoot("/");
+        fs::remove_all(root_);
+    }
+    std::string read(const char *path) const
+    {
+        std::ifstream in(root_ / path);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+    fs::path root_;
+};
+
+// The call's result, its output and its log (line numbers left out).
+struct Outcome {
+    int rc;
+    std::string out, log;
+};
+template <typename Call> Outcome run(Call call)
+{
+    char buf[80];
+    std::memset(buf, '#', sizeof buf);
+    buf[sizeof buf - 1] = '\0';
+    int rc = 0;
+    const std::string log = gw::testutil::captureLog("1", [&] { rc = call(buf); });
+    return {rc, buf, std::regex_replace(log, std::regex(":[0-9]+\\]"), "]")};
+}
+
+} // namespace
+
+TEST_F(ConfigLayer, ReadsCutAtTheLimitAndNameWhatIsMissing)
+{
+    struct {
+        const char *what;
+        std::function<int(char *)> call;
+        int rc;
+        const char *out;  // the buffer afterwards ('#' bytes: not written)
+        const char *log;  // a line the log holds
+    } cases[] = {
+        {"option", [](char *b) { return uciGetConfig("t", "main", "enabled", b, 7); }, 0, "1", "info [uciGetConfig]uciConfig value:1"},
+        {"cut", [](char *b) { return uciGetConfig("t", "main", "name", b, 7); }, 0, "a-rathe", ""},
+        {"no option", [](char *b) { return uciGetConfig("t", "main", "nosuch", b, 7); }, 3, nullptr, "uciGetConfig UCI_ERR_NOTFOUND1"},
+        {"a list", [](char *b) { return uciGetConfig("t", "main", "member", b, 7); }, 3, nullptr, "UCI_ERR_NOTFOUND1"},
+        {"no section", [](char *b) { return uciGetConfig("t", "nosuch", "name", b, 7); }, 3, nullptr, "uciGetConfig UCI_ERR_NOTFOUND2"},
+        {"no package", [](char *b) { return uciGetConfig("nosuch", "main", "name", b, 7); }, 3, nullptr, "uciGetConfig uci_load:3"},
+        {"null", [](char *b) { return uciGetConfig("t", nullptr, "name", b, 7); }, 2, nullptr, "UCI_ERR_INVAL"},
+        {"list joined", [](char *b) { return uciGetStr("t.main.member", b, 70); }, 0,
+         "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv AA:BB:CC:DD:EE:03/pc", "info [uciGetStr]uciGetStr val:AA"},
+        {"list cut", [](char *b) { return uciGetStr("t.main.member", b, 50); }, 2,
+         "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv ", "uciGetStr val:AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv \n"},
+        {"first only", [](char *b) { return uciGetStr("t.main.member", b, 23); }, 2, "AA:BB:CC:DD:EE:01/phone", ""},
+        {"extended", [](char *b) { return uciGetStr("t.@t[1].name", b, 7); }, 0, "second", ""},
+        {"a section", [](char *b) { return uciGetStr("t.main", b, 7); }, 2, nullptr, "error [uciGetStr]UCI_ERR_INVAL"},
+        {"no option", [](char *b) { return uciGetStr("t.main.nosuch", b, 7); }, 3, nullptr, "UCI_ERR_NOTFOUND"},
+        {"package only", [](char *b) { return uciGetStr("t", b, 7); }, 3, nullptr, "UCI_ERR_NOTFOUND"},
+        {"no package", [](char *b) { return uciGetStr("nosuch.main.name", b, 7); }, 3, nullptr, "UCI_ERR_NOTFOUND"},
+        {"null", [](char *b) { return uciGetStr(nullptr, b, 7); }, 2, nullptr, "UCI_ERR_INVAL"},
+        {"int32", [](char *b) { int32_t v = 7; int rc = uciGetOptionInt32("t", "t", "main", "enabled", &v);
+                               return std::sprintf(b, "%d", v), rc; }, 0, "1", ""},
+        {"int32 out of range", [](char *b) { int32_t v = 7; int rc = uciGetOptionInt32("t", "t", "main", "port", &v);
+                               return std::sprintf(b, "%d", v), rc; }, -1, "7", ""},
+        {"int32 list", [](char *b) { int32_t v = 7; int rc = uciGetOptionInt32("t", "t", "main", "member", &v);
+                               return std::sprintf(b, "%d", v), rc; }, -1, "7", ""},
+    };
+    const std::string untouched(79, '#');
+    for (const auto &c : cases) {
+        const Outcome o = run(c.call);
+        EXPECT_EQ(o.rc, c.rc) << c.what;
+        EXPECT_EQ(o.out, c.out ? c.out : untouched) << c.what;
+        EXPECT_NE(o.log.find(c.log), std::string::npos) << c.what << ": " << o.log;
+        if (c.rc == 0 && c.out) {
+            EXPECT_EQ(o.log.find("error"), std::string::npos) << c.what << ": " << o.log;
+        }
+    }
+}
+
+TEST_F(ConfigLayer, WritesReachTheFileOrNothingIsLeft)
+{
+    EXPECT_EQ(uciSetConfig("t", "main", "name", "x y"), 0);
+    EXPECT_EQ(uciSetConfig("t", "nosuch", "name", "x"), UCI_ERR_INVAL);
+    EXPECT_EQ(uciSetConfig("nosuch", "main", "name", "x"), UCI_ERR_NOTFOUND);
+    EXPECT_EQ(uciSetConfig("t", "main", nullptr, "x"), UCI_ERR_INVAL);
+    EXPECT_EQ(uciSetOptionInt32("t", "t", "main", "port", -42), 0);
+    EXPECT_NE(uciSetOptionInt32("t", "t", "nosuch", "port", 1), 0);
+    EXPECT_EQ(uciAddList("t", "main", "member", "AA:BB:CC:DD:EE:04/a b"), 0);
+    EXPECT_EQ(uciDelList("t", "main", "member", "AA:BB:CC:DD:EE:02/tv"), 0);
+    EXPECT_NE(gw::testutil::captureLog("1", [] { EXPECT_EQ(uciAddList("t", "nosuch", "m", "x"), UCI_ERR_INVAL); })
+                  .find("uci_add_list error"), std::string::npos);
+    EXPECT_EQ(uciAddList("t", "main", "member", nullptr), UCI_ERR_INVAL);
+    EXPECT_EQ(uciDelList(nullptr, "main", "member", "x"), UCI_ERR_INVAL);
+    const char (*options)[16] = nullptr;
+    const char (*values)[64] = nullptr;
+    static const char opt[2][16] = {"name", "target"};
+    static const char val[2][64] = {"phone", "DROP"};
+    EXPECT_EQ(uciAddNewSection("t", "rule", options, values, 0), 0);
+    EXPECT_EQ(uciAddNewSection("t", "rule", opt, val, 2), 0);
+    EXPECT_EQ(uciAddNewSection("nosuch", "rule", opt, val, 2), UCI_ERR_NOTFOUND);
+    EXPECT_EQ(uciAddNewSection("t", nullptr, opt, val, 2), UCI_ERR_INVAL);
+    EXPECT_FALSE(fs::exists(root_ / "etc/config/nosuch"));
+    EXPECT_EQ(read("etc/config/t"),
+              "\nconfig t 'main'\n\toption enabled '1'\n\toption name 'x y'\n\toption port '-42'\n"
+              "\tlist member 'AA:BB:CC:DD:EE:01/phone'\n\tlist member 'AA:BB:CC:DD:EE:03/pc'\n"
+              "\tlist member 'AA:BB:CC:DD:EE:04/a b'\n\nconfig t\n\toption name 'second'\n\nconfig rule\n\n"
+              "config rule\n\toption name 'phone'\n\toption target 'DROP'\n\n");
+    EXPECT_EQ(read("tmp/.uci/t"), "");
+}
+
+TEST_F(ConfigLayer, AFailedCommitLeavesNoSavedChange)
+{
+    // The new file does not fit under the size limit, the saved change (a short line) does.
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit old{}, small{100, 100};
+    getrlimit(RLIMIT_FSIZE, &old);
+    small.rlim_max = old.rlim_max;
+    setrlimit(RLIMIT_FSIZE, &small);
+    const int rc = uciSetConfig("t", "main", "name", "x");
+    setrlimit(RLIMIT_FSIZE, &old);
+    EXPECT_NE(rc, 0);
+    EXPECT_EQ(read("etc/config/t"), kPackage);
+    EXPECT_EQ(read("tmp/.uci/t"), "");
+}
+
+TEST_F(ConfigLayer, CallersContextAndAccessors)
+{
+    routeutils::UciSession s;
+    ASSERT_EQ(s.load("t"), 0);
+    uci_section *main = uci_lookup_section(s.ctx(), s.pkg(), "main");
+    char buf[16] = "###############";
+    EXPECT_EQ(uciGetString(s.ctx(), main, "name", buf, 8), 0);
+    EXPECT_STREQ(buf, "a-rathe");
+    EXPECT_EQ(buf[8], '#');
+    uint32_t v = 7;
+    EXPECT_EQ(uciGetUint32(s.ctx(), main, "port", &v), 0);
+    EXPECT_EQ(v, 4294967295u);
+    for (const char *bad : {"4294967296", "-1", "+1", " 1", "1 ", "1a", "", "0x10"}) {
+        ASSERT_EQ(uciSetString(s.ctx(), s.pkg(), main, "port", bad), 0);
+        EXPECT_NE(uciGetUint32(s.ctx(), main, "port", &v), 0) << bad;
+        EXPECT_EQ(v, 4294967295u) << bad;
+    }
+    uint8_t on = 9;
+    EXPECT_EQ(uciGetEnabled(s.ctx(), main, &on), 0);
+    EXPECT_EQ(on, 1);
+    EXPECT_EQ(publicUciAddList(s.ctx(), "t", "main", "member", "new"), 0);
+    EXPECT_EQ(uciDeleteSection(s.ctx(), s.pkg(), "t", "nosuch"), -1);
+    EXPECT_NE(gw::testutil::captureLog("1", [&] { EXPECT_EQ(uciDeleteSection(s.ctx(), s.pkg(), "t", nullptr), -1); })
+                  .find("ctx is null or pkg is null or configFile or sectionName is null"), std::string::npos);
+    EXPECT_EQ(s.save(), 0);
+    EXPECT_NE(read("tmp/.uci/t"), "");
+    uci_package *pkg = s.pkg();
+    EXPECT_EQ(uciRevertPackage(s.ctx(), &pkg, nullptr), 0);
+    s.adopt(pkg);
+    EXPECT_EQ(read("tmp/.uci/t"), "");
+    EXPECT_EQ(uciGetUint32(s.ctx(), uci_lookup_section(s.ctx(), s.pkg(), "main"), "port", &v), 0);
+    EXPECT_EQ(uciRevertPackage(s.ctx(), nullptr, nullptr), -1);
+    EXPECT_EQ(uciDeleteSection(s.ctx(), s.pkg(), "t", "main"), 0);
+    EXPECT_EQ(s.commit(), 0);
+    EXPECT_EQ(read("etc/config/t"), "\nconfig t\n\toption name 'second'\n\n");
+}
