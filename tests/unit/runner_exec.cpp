@@ -109,7 +109,7 @@ TEST_F(RunnerExec, ProgramsGetDefaultSignalsAndBackgroundOnesAreReaped)
     EXPECT_EQ(blocked, 0u);
 
     const int before = routeutils::reapBackgroundCommands();
-    EXPECT_EQ(LC_SystemCall("sleep %d &", 5), 0);  // returns at once, still running
+    EXPECT_EQ(LC_SystemCall("sleep %d > /dev/null 2>&1 &", 5), 0);  // returns at once, still running
     EXPECT_EQ(LC_SystemCall("touch %s > /dev/null 2>&1 &", "done"), 0);
     int running = before + 2;
     for (int i = 0; i < 100 && running > before + 1; ++i) {
