@@ -1,30 +1,23 @@
-// gwcall: one method of gwconfd called in this process, as `ubus call` would call it, with every command recorded
-// instead of run and the configuration in a folder of the caller's (no bus daemon, no root rights).
+// gwcall: one method of gwconfd called in this process as `ubus call` would call it, every command recorded instead
+// of run, the configuration in a folder of the caller's (no bus daemon, no root rights).
 //
-//   gwcall --init                    ROOT/etc/config from the default configuration, ROOT/tmp and ROOT/var/run
-//   gwcall --start                   the daemon's start-up steps (MAC filter, IPTV, UPnP and DMZ, the WAN apply)
-//   gwcall --uci ARGS...             the uci tool on ROOT's configuration (its changes saved in ROOT/tmp/.uci)
-//   gwcall [-S] [-l] OBJECT METHOD ['JSON']
-//                                    the same arguments as `ubus call`; -S prints the reply on one line as
-//                                    `ubus -S call` does, -l adds the daemon's log lines (errors, or
-//                                    the level GWCONF_LOG_LEVEL names)
+//   gwcall --init                       ROOT/etc/config from the default configuration, ROOT/tmp, ROOT/var/run
+//   gwcall [-l] --start                 the start-up steps (MAC filter, IPTV, UPnP and DMZ, the WAN apply)
+//   gwcall --uci ARGS...                the uci tool on ROOT's configuration (changes saved in ROOT/tmp/.uci)
+//   gwcall [-S] [-l] OBJECT METHOD ['JSON']   the arguments of `ubus call`
 //
-// Output: the reply exactly as `ubus call` prints it (nothing without one); with -l the log lines of the call and
-// of its timers, each as `LEVEL [FUNCTION]MESSAGE` (the line number left out); then "run: " and each command the
-// call ran, quoted as the emulated router's journal quotes it, with its redirections and a final "&"; then, for each
-// timer the call armed, "timer: NAME after N ms" and what the timer runs when it fires (fired at once here). The
-// exit status is the bus status as `ubus -S call` gives it (status & 0xff).
+// Output: the reply as `ubus call` prints it, on one line as `ubus -S call` with -S (nothing without a reply);
+// with -l the daemon's log lines of the call and its timers as `LEVEL [FUNCTION]MESSAGE` (no line number; the
+// errors, or the level GWCONF_LOG_LEVEL names); "run: " and each command run, quoted as the emulated router's
+// journal quotes it, with its redirections and a final "&"; for each timer armed, "timer: NAME after N ms" and
+// what it runs when it fires (at once here). The exit status is the bus status as `ubus -S call` gives it.
 //
-// Environment: GWCALL_ROOT, the folder that stands for "/" (default: the current folder); GWCALL_STATUS, the exit
-// status every recorded command answers (default 0); GWCALL_UCI, the uci tool. Commands of the uci tool are run
-// for real on ROOT/etc/config, as on the router, so the configuration they write is there to see. The daemon's
-// standard output goes to /dev/null; its log lines come on standard error with GWCONF_LOG_STDERR=1.
-#include <clocale>
+// Environment: GWCALL_ROOT, the folder standing for "/" (default: the current one); GWCALL_STATUS, the exit status
+// of every recorded command (default 0); GWCALL_UCI, the uci tool, whose commands run for real on ROOT/etc/config
+// as on the router. The daemon's standard output goes to /dev/null.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cwchar>
-#include <cwctype>
 #include <fcntl.h>
 #include <filesystem>
 #include <regex>
@@ -56,44 +49,24 @@ void keepReply(blob_attr *reply)
 }
 
 // One argument as the router's journal writes it: bare when made of [A-Za-z0-9_@%+=:,./-] only, $'...' (bash's
-// %q) when it holds a control character, else in single quotes.
+// %q, for ASCII) when it holds a control character, else in single quotes.
 std::string quote(const std::string &arg)
 {
     if (!arg.empty() && arg.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"
                                               "_@%+=:,./-") == std::string::npos)
         return arg;
+    static const char kEscaped[] = "\a\b\x1b\f\n\r\t\v\\'", kLetters[] = "abEfnrtv\\'";
     bool control = false;
     for (unsigned char c : arg)
         control = control || c < 0x20 || c == 0x7f;
-    if (!control) {
-        std::string out = "'";
-        for (char c : arg)
-            out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-        return out + "'";
-    }
-    static const char kEscaped[] = "\a\b\x1b\f\n\r\t\v\\'";
-    static const char kLetters[] = "abEfnrtv\\'";
-    std::string out = "$'";
-    std::mbstate_t state{};
-    for (size_t i = 0; i < arg.size();) {
-        const unsigned char c = static_cast<unsigned char>(arg[i]);
-        wchar_t wc = 0;
-        const size_t n = c < 0x80 ? 1 : std::mbrtowc(&wc, arg.data() + i, arg.size() - i, &state);
-        if (const char *hit = c ? std::strchr(kEscaped, c) : nullptr) {
-            out += std::string("\\") + kLetters[hit - kEscaped];
-        } else if (c >= 0x20 && c < 0x7f) {
-            out += static_cast<char>(c);
-        } else if (c >= 0x80 && n > 0 && n <= arg.size() - i && std::iswprint(wc)) {
-            out.append(arg, i, n);  // a printable character of the UTF-8 locale stays as it is
-            i += n;
-            continue;
-        } else {
-            char octal[8];
-            std::snprintf(octal, sizeof octal, "\\%03o", c);
-            out += octal;
-            state = {};
-        }
-        ++i;
+    std::string out = control ? "$'" : "'";
+    for (unsigned char c : arg) {
+        char octal[8];
+        std::snprintf(octal, sizeof octal, "\\%03o", c);
+        const char *hit = c ? std::strchr(kEscaped, c) : nullptr;
+        out += !control ? (c == '\'' ? std::string("'\\''") : std::string(1, static_cast<char>(c)))
+               : hit    ? std::string("\\") + kLetters[hit - kEscaped]
+               : c < 0x20 || c == 0x7f ? std::string(octal) : std::string(1, static_cast<char>(c));
     }
     return out + "'";
 }
@@ -172,7 +145,6 @@ int call(const char *object, const char *method, const char *json)
 
 int main(int argc, char **argv)
 {
-    std::setlocale(LC_CTYPE, "C.UTF-8");
     const char *root = std::getenv("GWCALL_ROOT");
     g_root = fs::absolute(root && *root ? root : ".").lexically_normal().string();
     if (g_root.size() > 1 && g_root.back() == '/')
