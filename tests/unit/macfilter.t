@@ -1,11 +1,11 @@
-The MAC filter (RTMacFilter, zelmad.macfilter) and the device block (firewall), called in process. `mf` shows the
-options of package macFilter; `rules` the firewall rule sections that stand for the list in
+The MAC filter (RTMacFilter, zelmad.macfilter) and the device block (firewall), called in process. `mf` shows package
+macFilter (enabled|curmode|black list|white list); `rules` the firewall rule sections that stand for the list in
 force or a blocked device, one a line (name, src, proto, src_mac, dest, target).
 
   $ gwcall --init
   $ add() { m=$1 n=$2 mac=$3; shift 3; gwcall -S "$@" RTMacFilter addMacFilterList \
   >   "{\"enable\":1,\"model\":$m,\"macList\":{\"name\":\"$n\",\"mac\":\"$mac\"}}"; }
-  $ mf() { gwcall --uci show macFilter | grep -E '^[^=]*\.[^=]*\.'; }
+  $ mf() { for o in main.enabled main.curmode blacklist.deny whitelist.allow; do gwcall --uci get macFilter.$o 2>/dev/null || echo; done | paste -sd'|'; }
   $ rules() { gwcall --uci show firewall | sed -n "s/^firewall\.@rule\[\([0-9]*\)\]\.[a-z_]*='\(.*\)'$/\1 \2/p" |
   >   awk '$1 > 6 { k = $1; sub(/^[0-9]+ /, ""); r[k] = r[k] " " $0 } END { for (i = 7; i in r; i++) print substr(r[i], 2) }'; }
 
@@ -19,8 +19,7 @@ Off by default. Switching the empty black list on stores the switch and only rel
   error [addFirewallRuleByMacFilterConfig]uciGetStr macFilter.blacklist.deny error or null
   run: /etc/init.d/firewall reload
   $ mf
-  macFilter.main.enabled='1'
-  macFilter.main.curmode='deny'
+  1|deny||
 
 A device joins: the MAC is cut to 17 characters and upper-cased, stored with its name, ruled with the two kernel
 DROP rules (the bridge one first in FORWARD) and a rule section, then the firewall reloads.
@@ -31,9 +30,7 @@ DROP rules (the bridge one first in FORWARD) and a rule section, then the firewa
   run: ip6tables -I FORWARD -m mac --mac-source AA:BB:CC:DD:EE:01 -j DROP
   run: /etc/init.d/firewall reload
   $ mf
-  macFilter.main.enabled='1'
-  macFilter.main.curmode='deny'
-  macFilter.blacklist.deny='AA:BB:CC:DD:EE:01/tv'
+  1|deny|AA:BB:CC:DD:EE:01/tv|
   $ rules
   tv lan all AA:BB:CC:DD:EE:01 wan DROP
   $ gwcall -S RTMacFilter getMacFilterList
@@ -49,9 +46,7 @@ force is refused; nothing runs and nothing is stored.
   {"result":false}
   error [addMacFilterListHandler]the setmodel is not same as curmodel
   $ mf
-  macFilter.main.enabled='1'
-  macFilter.main.curmode='deny'
-  macFilter.blacklist.deny='AA:BB:CC:DD:EE:01/tv'
+  1|deny|AA:BB:CC:DD:EE:01/tv|
 
 Removal takes the list entry, the rules and the rule section.
 
@@ -61,8 +56,7 @@ Removal takes the list entry, the rules and the rule section.
   run: ip6tables -D FORWARD -m mac --mac-source AA:BB:CC:DD:EE:01 -j DROP
   run: /etc/init.d/firewall reload
   $ mf
-  macFilter.main.enabled='1'
-  macFilter.main.curmode='deny'
+  1|deny||
   $ rules
 
 Refused arguments, each with its reason, nothing stored: a text enable, a model of 3 and a MAC with dashes (every
@@ -91,8 +85,7 @@ without enable.
   {"result":false}
   error [setMacFilter]tb[E_SETMACFILTER_ENABLE] is NULL
   $ mf
-  macFilter.main.enabled='1'
-  macFilter.main.curmode='deny'
+  1|deny||
 
 Black to white: every black rule out, the white ones in, then the eth1 accept rules and the final drop rules; the
 black list's sections give way to the white list's and the catch-all denyall. A lower-case stored MAC is ruled
@@ -161,10 +154,7 @@ White to off: the catch-all rules, then each device's rules; no rule section lef
   run: ip6tables -D FORWARD -m mac --mac-source AA:BB:CC:DD:EE:01 -j ACCEPT
   run: /etc/init.d/firewall reload
   $ mf
-  macFilter.main.enabled='0'
-  macFilter.main.curmode='no'
-  macFilter.blacklist.deny='aa:bb:cc:dd:ee:02/pc'
-  macFilter.whitelist.allow='AA:BB:CC:DD:EE:03/cam' 'AA:BB:CC:DD:EE:04/tab' 'AA:BB:CC:DD:EE:01/tv'
+  0|no|aa:bb:cc:dd:ee:02/pc|AA:BB:CC:DD:EE:03/cam AA:BB:CC:DD:EE:04/tab AA:BB:CC:DD:EE:01/tv
   $ rules
 
 At start the list in force gets its kernel rules, without a reload; an entry that is no MAC is skipped.
@@ -189,10 +179,7 @@ RTMacFilter does.
   run: uci commit macFilter
   run: ebtables -I FORWARD -s AA:BB:CC:DD:EE:FF -j ACCEPT
   $ mf
-  macFilter.main.enabled='1'
-  macFilter.main.curmode='allow'
-  macFilter.blacklist.deny='aa:bb:cc:dd:ee:02/pc' 'AA:BB:CC/short'
-  macFilter.whitelist.allow='AA:BB:CC:DD:EE:FF/cam' 'A1:B2:C3:D4:E5:F6/tab'
+  1|allow|aa:bb:cc:dd:ee:02/pc AA:BB:CC/short|AA:BB:CC:DD:EE:FF/cam A1:B2:C3:D4:E5:F6/tab
   $ rules
   cam lan all AA:BB:CC:DD:EE:FF wan ACCEPT
   tab lan all A1:B2:C3:D4:E5:F6 wan ACCEPT
@@ -205,10 +192,7 @@ Off through the agent: the white list is kept, every rule and section goes; the 
   $ gwcall -S zelmad.macfilter setMacFilter '{"macFilterEnable":0,"macFilterPolicy":0,"macFilterEntries":"garbage/"}' | head -1
   {"result":true}
   $ mf
-  macFilter.main.enabled='0'
-  macFilter.main.curmode='no'
-  macFilter.blacklist.deny='aa:bb:cc:dd:ee:02/pc' 'AA:BB:CC/short'
-  macFilter.whitelist.allow='AA:BB:CC:DD:EE:FF/cam' 'A1:B2:C3:D4:E5:F6/tab'
+  0|no|aa:bb:cc:dd:ee:02/pc AA:BB:CC/short|AA:BB:CC:DD:EE:FF/cam A1:B2:C3:D4:E5:F6/tab
   $ rules
 
 The agent switches the filter off before it reads the entries: a piece without a name then ends the call with
@@ -224,10 +208,7 @@ nothing; an empty black list empties the list.
   run: /etc/init.d/firewall reload
   [2]
   $ mf
-  macFilter.main.enabled='0'
-  macFilter.main.curmode='no'
-  macFilter.blacklist.deny='aa:bb:cc:dd:ee:02/pc' 'AA:BB:CC/short'
-  macFilter.whitelist.allow='AA:BB:CC:DD:EE:FF/cam' 'A1:B2:C3:D4:E5:F6/tab'
+  0|no|aa:bb:cc:dd:ee:02/pc AA:BB:CC/short|AA:BB:CC:DD:EE:FF/cam A1:B2:C3:D4:E5:F6/tab
   $ rules
   $ gwcall -S -l zelmad.macfilter setMacFilter '{"macFilterEnable":1,"macFilterPolicy":0}'
   {"result":false}
@@ -239,9 +220,7 @@ nothing; an empty black list empties the list.
   run: uci commit macFilter
   run: /etc/init.d/firewall reload
   $ mf
-  macFilter.main.enabled='1'
-  macFilter.main.curmode='deny'
-  macFilter.whitelist.allow='AA:BB:CC:DD:EE:FF/cam' 'A1:B2:C3:D4:E5:F6/tab'
+  1|deny||AA:BB:CC:DD:EE:FF/cam A1:B2:C3:D4:E5:F6/tab
 
 Hostile agent text stays single arguments: the 12 characters get their colons and are upper-cased, the rest of the
 entry is the name (a stored item splits at its first blank when read back, so the section is named "my").
@@ -256,10 +235,7 @@ entry is the name (a stored item splits at its first blank when read back, so th
   run: ip6tables -I FORWARD -m mac --mac-source ';$:(I:D):`X:`'\'':"|' -j DROP
   run: /etc/init.d/firewall reload
   $ mf
-  macFilter.main.enabled='1'
-  macFilter.main.curmode='deny'
-  macFilter.whitelist.allow='AA:BB:CC:DD:EE:FF/cam' 'A1:B2:C3:D4:E5:F6/tab'
-  macFilter.blacklist.deny=';$:(I:D):`X:`'\'':"|/my "tv"; $(reboot) `rm -rf /` '\''x'\'''
+  1|deny|';$:(I:D):`X:`'\'':"|/my "tv"; $(reboot) `rm -rf /` '\''x'\'''|AA:BB:CC:DD:EE:FF/cam A1:B2:C3:D4:E5:F6/tab
   $ rules
   my lan all ;$:(I:D):`X:`'\'':"| wan DROP
 
@@ -281,9 +257,8 @@ refused.
   32
 
 Blocking one device keeps the caller's text in its rules and section. An unblock in another case runs the rules'
-removal but leaves the section, which only the exact text removes (any enable other than 1 unblocks); a longer
-text is cut to 17 characters; a MAC with dashes is refused; without a MAC the call ends without a reply (status
--1, 255 as `ubus -S` gives it).
+removal but leaves the section, which only the exact text removes (any enable other than 1 unblocks); a MAC
+with dashes is refused; without a MAC the call ends without a reply (status -1, 255 as `ubus -S` gives it).
 
   $ gwcall -S firewall setForbiddNet '{"enable":1,"mac":"aa:bb:cc:dd:ee:ff"}'
   {"result":true}
@@ -305,11 +280,6 @@ text is cut to 17 characters; a MAC with dashes is refused; without a MAC the ca
   run: /etc/init.d/firewall reload
   $ rules
   dev41 lan all 00:00:00:00:00:41 wan DROP
-  $ gwcall -S firewall setForbiddNet '{"enable":1,"mac":"AA:BB:CC:DD:EE:FF; reboot $(id) `id` '"'x'"'"}'
-  {"result":true}
-  run: ebtables -I FORWARD 1 -s AA:BB:CC:DD:EE:FF -j DROP
-  run: ip6tables -I FORWARD -m mac --mac-source AA:BB:CC:DD:EE:FF -j DROP
-  run: /etc/init.d/firewall reload
   $ gwcall -S -l firewall setForbiddNet '{"enable":1,"mac":"AA-BB-CC-DD-EE-FF"}'
   {"result":false}
   error [macValidCheck]macData(AA-BB-CC-DD-EE-FF) check fail!

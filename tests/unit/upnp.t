@@ -16,11 +16,6 @@ changes.
   run: /etc/init.d/firewall reload
   run: /etc/init.d/miniupnpd enable > /dev/null
   run: /etc/init.d/miniupnpd start > /dev/null
-  $ gwcall --uci show firewall.dmzupnpdomain
-  firewall.dmzupnpdomain=include
-  firewall.dmzupnpdomain.path='/usr/bin/dmzupnp.sh'
-  firewall.dmzupnpdomain.reload='1'
-  firewall.dmzupnpdomain.type='script'
   $ gwcall -S RTUpnp getUpnpStatus
   {"params":{"Enable":1,"List":[]},"result":true}
   $ cp etc/config/upnpd upnpd.on

@@ -91,28 +91,18 @@ script carries the numbers and iptables refuses them.
   0
   [1]
 
-Refused, with the reason, nothing stored and nothing applied: addresses that are not four decimal bytes, a text
+Refused with the reason, nothing stored and nothing applied: addresses that are not four decimal bytes, a text
 Enabled, missing ports, no message.
 
   $ mkdir refused && cd refused && gwcall --init
-  $ for a in 1.2.3 '1.2.3.4;$(id)' ::1 1.2.3.4.5 256.1.1.1 ' 1.2.3.4' 1.2.3.4/24 ''; do
-  >   gwcall -S -l RTWanPortMap setWanPortMap "{\"Enabled\":1,\"InPort\":22,\"ExPort\":2222,\"RemoteAddr\":\"$a\"}"; done
-  {"result":false}
-  error [ubus_setConfig]RemoteAddr(1.2.3) is invaild
-  {"result":false}
-  error [ubus_setConfig]RemoteAddr(1.2.3.4;$(id)) is invaild
-  {"result":false}
-  error [ubus_setConfig]RemoteAddr(::1) is invaild
-  {"result":false}
-  error [ubus_setConfig]RemoteAddr(1.2.3.4.5) is invaild
-  {"result":false}
-  error [ubus_setConfig]RemoteAddr(256.1.1.1) is invaild
-  {"result":false}
-  error [ubus_setConfig]RemoteAddr( 1.2.3.4) is invaild
-  {"result":false}
-  error [ubus_setConfig]RemoteAddr(1.2.3.4/24) is invaild
-  {"result":false}
-  error [ubus_setConfig]RemoteAddr() is invaild
+  $ for a in 1.2.3 '1.2.3.4;$(id)' ::1 256.1.1.1 ' 1.2.3.4' ''; do
+  >   gwcall -S -l RTWanPortMap setWanPortMap "{\"Enabled\":1,\"InPort\":22,\"ExPort\":2222,\"RemoteAddr\":\"$a\"}" | paste -sd' '; done
+  {"result":false} error [ubus_setConfig]RemoteAddr(1.2.3) is invaild
+  {"result":false} error [ubus_setConfig]RemoteAddr(1.2.3.4;$(id)) is invaild
+  {"result":false} error [ubus_setConfig]RemoteAddr(::1) is invaild
+  {"result":false} error [ubus_setConfig]RemoteAddr(256.1.1.1) is invaild
+  {"result":false} error [ubus_setConfig]RemoteAddr( 1.2.3.4) is invaild
+  {"result":false} error [ubus_setConfig]RemoteAddr() is invaild
   $ gwcall -S -l RTWanPortMap setWanPortMap '{"Enabled":"1","InPort":22,"ExPort":2222}'
   {"result":false}
   error [ubus_setConfig]enabled is invaild
