@@ -12,7 +12,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <regex>
 #include <sstream>
 #include <sys/resource.h>
@@ -38,81 +37,64 @@ protected:
         std::ofstream(root_ / "etc/config/t") << kPackage;
         routeutils::setSystemRoot(root_);
     }
-    void TearDown() override
-    {
-        routeutils::setSystemRoot("/");
-        fs::remove_all(root_);
-    }
-    std::string read(const char *path) const
-    {
-        std::ifstream in(root_ / path);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
+    void TearDown() override { routeutils::setSystemRoot("/"), fs::remove_all(root_); }
+    std::string read(const char *path) const { return (std::stringstream() << std::ifstream(root_ / path).rdbuf()).str(); }
     fs::path root_;
 };
 
-// The call's result, its output and its log (line numbers left out).
-struct Outcome {
-    int rc;
-    std::string out, log;
-};
-template <typename Call> Outcome run(Call call)
-{
-    char buf[80];
-    std::memset(buf, '#', sizeof buf);
-    buf[sizeof buf - 1] = '\0';
-    int rc = 0;
-    const std::string log = gw::testutil::captureLog("1", [&] { rc = call(buf); });
-    return {rc, buf, std::regex_replace(log, std::regex(":[0-9]+\\]"), "]")};
-}
-
 } // namespace
 
+// Each read: uciGetConfig (C), uciGetStr (S) or uciGetOptionInt32 (I) of the path ("-" for a null part), with a
+// limit; its result, the buffer afterwards (null: not written) and a line its log holds (line numbers left out).
 TEST_F(ConfigLayer, ReadsCutAtTheLimitAndNameWhatIsMissing)
 {
-    struct {
-        const char *what;
-        std::function<int(char *)> call;
-        int rc;
-        const char *out;  // the buffer afterwards ('#' bytes: not written)
-        const char *log;  // a line the log holds
+    const struct {
+        char fn;
+        const char *pkg, *sec, *opt;
+        int len, rc;
+        const char *out, *log;
     } cases[] = {
-        {"option", [](char *b) { return uciGetConfig("t", "main", "enabled", b, 7); }, 0, "1", "info [uciGetConfig]uciConfig value:1"},
-        {"cut", [](char *b) { return uciGetConfig("t", "main", "name", b, 7); }, 0, "a-rathe", ""},
-        {"no option", [](char *b) { return uciGetConfig("t", "main", "nosuch", b, 7); }, 3, nullptr, "uciGetConfig UCI_ERR_NOTFOUND1"},
-        {"a list", [](char *b) { return uciGetConfig("t", "main", "member", b, 7); }, 3, nullptr, "UCI_ERR_NOTFOUND1"},
-        {"no section", [](char *b) { return uciGetConfig("t", "nosuch", "name", b, 7); }, 3, nullptr, "uciGetConfig UCI_ERR_NOTFOUND2"},
-        {"no package", [](char *b) { return uciGetConfig("nosuch", "main", "name", b, 7); }, 3, nullptr, "uciGetConfig uci_load:3"},
-        {"null", [](char *b) { return uciGetConfig("t", nullptr, "name", b, 7); }, 2, nullptr, "UCI_ERR_INVAL"},
-        {"list joined", [](char *b) { return uciGetStr("t.main.member", b, 70); }, 0,
-         "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv AA:BB:CC:DD:EE:03/pc", "info [uciGetStr]uciGetStr val:AA"},
-        {"list cut", [](char *b) { return uciGetStr("t.main.member", b, 50); }, 2,
-         "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv ", "uciGetStr val:AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv \n"},
-        {"first only", [](char *b) { return uciGetStr("t.main.member", b, 23); }, 2, "AA:BB:CC:DD:EE:01/phone", ""},
-        {"extended", [](char *b) { return uciGetStr("t.@t[1].name", b, 7); }, 0, "second", ""},
-        {"a section", [](char *b) { return uciGetStr("t.main", b, 7); }, 2, nullptr, "error [uciGetStr]UCI_ERR_INVAL"},
-        {"no option", [](char *b) { return uciGetStr("t.main.nosuch", b, 7); }, 3, nullptr, "UCI_ERR_NOTFOUND"},
-        {"package only", [](char *b) { return uciGetStr("t", b, 7); }, 3, nullptr, "UCI_ERR_NOTFOUND"},
-        {"no package", [](char *b) { return uciGetStr("nosuch.main.name", b, 7); }, 3, nullptr, "UCI_ERR_NOTFOUND"},
-        {"null", [](char *b) { return uciGetStr(nullptr, b, 7); }, 2, nullptr, "UCI_ERR_INVAL"},
-        {"int32", [](char *b) { int32_t v = 7; int rc = uciGetOptionInt32("t", "t", "main", "enabled", &v);
-                               return std::sprintf(b, "%d", v), rc; }, 0, "1", ""},
-        {"int32 out of range", [](char *b) { int32_t v = 7; int rc = uciGetOptionInt32("t", "t", "main", "port", &v);
-                               return std::sprintf(b, "%d", v), rc; }, -1, "7", ""},
-        {"int32 list", [](char *b) { int32_t v = 7; int rc = uciGetOptionInt32("t", "t", "main", "member", &v);
-                               return std::sprintf(b, "%d", v), rc; }, -1, "7", ""},
+        {'C', "t", "main", "enabled", 7, 0, "1", "info [uciGetConfig]uciConfig value:1"},
+        {'C', "t", "main", "name", 7, 0, "a-rathe", ""},
+        {'C', "t", "main", "nosuch", 7, 3, nullptr, "error [uciGetConfig]uciGetConfig UCI_ERR_NOTFOUND1"},
+        {'C', "t", "main", "member", 7, 3, nullptr, "uciGetConfig UCI_ERR_NOTFOUND1"},  // a list
+        {'C', "t", "nosuch", "name", 7, 3, nullptr, "uciGetConfig UCI_ERR_NOTFOUND2"},
+        {'C', "nosuch", "main", "name", 7, 3, nullptr, "uciGetConfig uci_load:3"},
+        {'C', "t", "-", "name", 7, 2, nullptr, "error [uciGetConfig]UCI_ERR_INVAL"},
+        {'S', "t", "main", "member", 70, 0, "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv AA:BB:CC:DD:EE:03/pc", ""},
+        {'S', "t", "main", "member", 50, 2, "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv ",
+         "info [uciGetStr]uciGetStr val:AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv \n"},
+        {'S', "t", "main", "member", 23, 2, "AA:BB:CC:DD:EE:01/phone", ""},
+        {'S', "t", "@t[1]", "name", 7, 0, "second", ""},
+        {'S', "t", "main", "", 7, 2, nullptr, "error [uciGetStr]UCI_ERR_INVAL"},  // a section
+        {'S', "t", "main", "nosuch", 7, 3, nullptr, "error [uciGetStr]UCI_ERR_NOTFOUND"},
+        {'S', "t", "", "", 7, 3, nullptr, "UCI_ERR_NOTFOUND"},
+        {'S', "nosuch", "main", "name", 7, 3, nullptr, "UCI_ERR_NOTFOUND"},
+        {'S', "-", "", "", 7, 2, nullptr, "UCI_ERR_INVAL"},
+        {'I', "t", "main", "enabled", 0, 0, "1", ""},
+        {'I', "t", "main", "port", 0, -1, "7", ""},  // out of range
+        {'I', "t", "main", "member", 0, -1, "7", ""},
     };
-    const std::string untouched(79, '#');
     for (const auto &c : cases) {
-        const Outcome o = run(c.call);
-        EXPECT_EQ(o.rc, c.rc) << c.what;
-        EXPECT_EQ(o.out, c.out ? c.out : untouched) << c.what;
-        EXPECT_NE(o.log.find(c.log), std::string::npos) << c.what << ": " << o.log;
-        if (c.rc == 0 && c.out) {
-            EXPECT_EQ(o.log.find("error"), std::string::npos) << c.what << ": " << o.log;
-        }
+        auto arg = [](const char *p) { return std::strcmp(p, "-") ? p : nullptr; };
+        const std::string path = std::string(c.pkg) + (*c.sec ? "." : "") + c.sec + (*c.opt ? "." : "") + c.opt;
+        char buf[80];
+        std::memset(buf, '#', sizeof buf);
+        buf[sizeof buf - 1] = '\0';
+        int rc = 0;
+        std::string log = gw::testutil::captureLog("1", [&] {
+            int32_t v = 7;
+            if (c.fn == 'I' && (rc = uciGetOptionInt32(c.pkg, c.pkg, c.sec, c.opt, &v), true))
+                std::sprintf(buf, "%d", v);
+            else
+                rc = c.fn == 'C' ? uciGetConfig(arg(c.pkg), arg(c.sec), c.opt, buf, c.len)
+                                 : uciGetStr(arg(c.pkg) ? path.c_str() : nullptr, buf, c.len);
+        });
+        log = std::regex_replace(log, std::regex(":[0-9]+\\]"), "]");
+        EXPECT_EQ(rc, c.rc) << c.fn << " " << path;
+        EXPECT_EQ(buf, std::string(c.out ? c.out : std::string(79, '#'))) << c.fn << " " << path;
+        EXPECT_NE(log.find(c.log), std::string::npos) << c.fn << " " << path << ": " << log;
+        EXPECT_TRUE(rc != 0 || log.find("error") == std::string::npos) << c.fn << " " << path << ": " << log;
     }
 }
 
@@ -130,11 +112,9 @@ TEST_F(ConfigLayer, WritesReachTheFileOrNothingIsLeft)
                   .find("uci_add_list error"), std::string::npos);
     EXPECT_EQ(uciAddList("t", "main", "member", nullptr), UCI_ERR_INVAL);
     EXPECT_EQ(uciDelList(nullptr, "main", "member", "x"), UCI_ERR_INVAL);
-    const char (*options)[16] = nullptr;
-    const char (*values)[64] = nullptr;
     static const char opt[2][16] = {"name", "target"};
     static const char val[2][64] = {"phone", "DROP"};
-    EXPECT_EQ(uciAddNewSection("t", "rule", options, values, 0), 0);
+    EXPECT_EQ(uciAddNewSection("t", "rule", nullptr, nullptr, 0), 0);
     EXPECT_EQ(uciAddNewSection("t", "rule", opt, val, 2), 0);
     EXPECT_EQ(uciAddNewSection("nosuch", "rule", opt, val, 2), UCI_ERR_NOTFOUND);
     EXPECT_EQ(uciAddNewSection("t", nullptr, opt, val, 2), UCI_ERR_INVAL);
