@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
 
 #include "natforward.h"
 
@@ -42,21 +43,14 @@ TEST(NatforwardRules, StoredProtocolsAndRanges)
     EXPECT_EQ(natforwardProtocolFromList(1, "UDP"), TCP);  // one value other than "udp" reads as TCP
     EXPECT_EQ(natforwardProtocolFromList(2, "udp"), BOTH);
 
-    const struct {
-        const char *text;
-        bool ok;
-        uint32_t start, stop;
-    } ranges[] = {{"600-610", true, 600, 610}, {"65535-65535", true, 65535, 65535}, {"21-", true, 21, 0},
-                  {"8080", true, 0, 0},        {"12345-1", true, 12345, 1},        {"123456-7", false, 0, 0},
-                  {"-5", false, 0, 0},         {"abc-def", true, 0, 0},            {"1-2-3", true, 1, 2}};
-    for (const auto &r : ranges) {
+    std::string read;  // each stored range text as start-stop, or "no" when it does not load
+    for (const char *text : {"600-610", "65535-65535", "21-", "8080", "12345-1", "123456-7", "-5", "abc-def", "1-2-3"}) {
         NatforwardRangeText rt;
-        ASSERT_EQ(natforwardSplitRange(r.text, &rt), r.ok) << r.text;
-        if (r.ok) {
-            EXPECT_EQ(natforwardRangePort(rt.start) * 100000 + natforwardRangePort(rt.stop), r.start * 100000 + r.stop)
-                << r.text;
-        }
+        read += natforwardSplitRange(text, &rt) ? std::to_string(natforwardRangePort(rt.start)) + "-" +
+                                                      std::to_string(natforwardRangePort(rt.stop)) + " "
+                                                : "no ";
     }
+    EXPECT_EQ(read, "600-610 65535-65535 21-0 0-0 12345-1 no no 0-0 1-2 ");
     NatforwardRangeText rt;  // the stop part keeps to the 16-byte read buffer
     ASSERT_TRUE(natforwardSplitRange("12345-99999999999999999999", &rt));
     EXPECT_EQ(std::strlen(rt.stop), 10u);
@@ -66,10 +60,8 @@ TEST(NatforwardRules, RangeChecksInOrder)
 {
     const Case ports[] = {
         {TCP, 8080, 80, 0}, {BOTH, 1, 65535, 0}, {3, 8080, 80, NATFORWARD_ERR_PROTOCOL},
-        {0xFFFFFFFFu, 0, 0, NATFORWARD_ERR_PROTOCOL},  // the protocol first
-        {TCP, 0, 80, NATFORWARD_ERR_EXTERNAL_PORT}, {TCP, 65536, 80, NATFORWARD_ERR_EXTERNAL_PORT},
-        {TCP, 0, 0, NATFORWARD_ERR_EXTERNAL_PORT},  // then the external port
-        {UDP, 8080, 0, NATFORWARD_ERR_INTERNAL_PORT}, {UDP, 8080, 65536, NATFORWARD_ERR_INTERNAL_PORT},
+        {0xFFFFFFFFu, 0, 0, NATFORWARD_ERR_PROTOCOL}, {TCP, 0, 0, NATFORWARD_ERR_EXTERNAL_PORT},  // in this order
+        {TCP, 65536, 80, NATFORWARD_ERR_EXTERNAL_PORT}, {UDP, 8080, 65536, NATFORWARD_ERR_INTERNAL_PORT},
     };
     for (const Case &c : ports) {
         const PortMapConfig r = portMap(c.protocol, c.a, c.b);
@@ -77,9 +69,8 @@ TEST(NatforwardRules, RangeChecksInOrder)
     }
     const Case groups[] = {
         {UDP, 600, 610, 0}, {TCP, 80, 80, 0}, {BOTH, 1, 65535, 0}, {5, 600, 610, NATFORWARD_ERR_PROTOCOL},
-        {TCP, 0, 610, NATFORWARD_ERR_START_PORT}, {TCP, 0, 0, NATFORWARD_ERR_START_PORT},
-        {TCP, 600, 0, NATFORWARD_ERR_STOP_PORT}, {TCP, 600, 70000, NATFORWARD_ERR_STOP_PORT},
-        {TCP, 610, 600, NATFORWARD_ERR_PORT_RANGE},
+        {TCP, 0, 0, NATFORWARD_ERR_START_PORT}, {TCP, 600, 0, NATFORWARD_ERR_STOP_PORT},
+        {TCP, 600, 65536, NATFORWARD_ERR_STOP_PORT}, {TCP, 610, 600, NATFORWARD_ERR_PORT_RANGE},
     };
     for (const Case &c : groups) {
         const GroupMapConfig r = groupMap(c.protocol, c.a, c.b);

@@ -37,12 +37,7 @@ protected:
         fs::current_path(old_);
         fs::remove_all(dir);
     }
-    static std::string read(const char *path)
-    {
-        std::stringstream ss;
-        ss << std::ifstream(path).rdbuf();
-        return ss.str();
-    }
+    static std::string read(const char *path) { return (std::stringstream() << std::ifstream(path).rdbuf()).str(); }
     fs::path old_;
 };
 

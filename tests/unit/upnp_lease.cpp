@@ -33,17 +33,13 @@ TEST(UpnpLease, LinesSplitIntoTheirFields)
         const char *line, *entry;
     } cases[] = {
         {"TCP:8080:192.168.1.20:80:1700000000:web: admin page:8080", "TCP 0|8080|192.168.1.20|80|web: admin page:8080"},
-        {"tcp:1:a:2:0:d", "tcp 0|1|a|2|d"},
         {"Tcp:1:a:2:0:d", "Tcp 1|1|a|2|d"},  // only TCP and tcp are TCP
         {"TCPX:1:a:2:0:d", "TCP 0|1|a|2|d"},  // the protocol keeps 3 characters
         {"UDP:53:10.0.0.2:53:0:dns\r\r", "UDP 1|53|10.0.0.2|53|dns"},
         {"UDP:53:10.0.0.2:53:0:a\rb", "UDP 1|53|10.0.0.2|53|a\rb"},  // only line ends go
         {"TCP:1:10.1.1.1:2:12345", "TCP 0|1|10.1.1.1|2|"},
         {"TCP:1:10.1.1.1\r", "TCP 0|1|10.1.1.1|0|"},
-        {"TCP:::::", "TCP 0|0||0|"},
-        {"TCP:65535:a:1:0:d", "TCP 0|65535|a|1|d"},
         {"TCP:65536:a:1:0:d", "TCP 0|0|a|1|d"},
-        {"TCP:99999999999999999999999:a:1:0:d", "TCP 0|0|a|1|d"},
         {"TCP:80x:a:1:0:d", "TCP 0|80|a|1|d"},
         {"TCP:-80:a: 80:0:d", "TCP 0|0|a|0|d"},
         {"TCP:1:192.168.100.200.300:2:0:d", "TCP 0|1|192.168.100.200|2|d"},
