@@ -1,6 +1,6 @@
 NAT port forwarding (RTPortMap), called in process: each mapping is two redirect sections of package firewall
 (source zone wan, then lan), adds are checked against the port ranges and the stored mappings, all or nothing.
-`map` and `grp` write one MapList entry, `add` and `gadd` add them (without the log's line per stored protocol),
+`map` and `grp` write a MapList entry, `add` and `gadd` add them (without the log's line per stored protocol),
 `redir` shows each redirect section on one line (its values in file order), `ids` the listed PmapIDs.
 
   $ gwcall --init
@@ -81,21 +81,17 @@ Stored protocols read back from the wan sections (of a, b and c): tcp and udp is
   "Protocol":0,"PmapID":2
   "Protocol":2,"PmapID":1
 
-The range checks, each after a good first entry: the code, and nothing added. A port or protocol of another type
-counts as missing (0), so does a 64-bit number; an entry that is no table is all zero.
+The range checks, each after a good first entry: the code (protocol, then external, then internal port), nothing
+added. A port or protocol of another type counts as missing (0), so does a 64-bit number; an entry that is no
+table is all zero.
 
   $ for bad in '"Protocol":3,"ExternalPort":80,"InternalPort":80' '"Protocol":-1,"ExternalPort":80,"InternalPort":80' \
   >   '"ExternalPort":0,"InternalPort":80' '"ExternalPort":-1,"InternalPort":80' '"ExternalPort":99999999999,"InternalPort":80' \
   >   '"ExternalPort":"8080","InternalPort":80' '"ExternalPort":80,"InternalPort":0' '"ExternalPort":80,"InternalPort":-80'; do
-  >   add "$(map ok 0 10 81 81),{\"Name\":\"bad\",$bad}"; done
-  {"result":false,"error":{"code":713465856}}
-  {"result":false,"error":{"code":713465856}}
-  {"result":false,"error":{"code":713465857}}
-  {"result":false,"error":{"code":713465857}}
-  {"result":false,"error":{"code":713465857}}
-  {"result":false,"error":{"code":713465857}}
-  {"result":false,"error":{"code":713465858}}
-  {"result":false,"error":{"code":713465858}}
+  >   add "$(map ok 0 10 81 81),{\"Name\":\"bad\",$bad}"; done | uniq -c
+        2 {"result":false,"error":{"code":713465856}}
+        4 {"result":false,"error":{"code":713465857}}
+        2 {"result":false,"error":{"code":713465858}}
   $ add "$(map ok 0 10 81 81),\"8080\""
   {"result":false,"error":{"code":713465857}}
   $ redir | wc -l
@@ -136,23 +132,15 @@ Operation and MapList edges. Without Operation, or with a text one, the call is 
 MapList that is no array, an unknown ID or an empty delete change nothing and succeed; an empty add still commits
 and reloads.
 
-  $ gwcall -S -l RTPortMap modPortMapping '{"MapList":[]}'
+  $ gwcall -S -l RTPortMap modPortMapping '{"MapList":[]}' | paste -sd' '
+  {"result":false} error [NATFORWARD_modPortMapping]  operation is invaild 
+  $ gwcall -S RTPortMap modPortMapping '{"Operation":"1","MapList":[]}' && gwcall -S RTPortMap modPortMapping
   {"result":false}
-  error [NATFORWARD_modPortMapping]
-   operation is invaild 
-  $ gwcall -S RTPortMap modPortMapping '{"Operation":"1","MapList":[]}'
-  {"result":false}
-  $ gwcall -S RTPortMap modPortMapping
   {"result":false}
   $ for m in '"Operation":1' '"Operation":1,"MapList":"x"' '"Operation":2,"MapList":[{"PmapID":9}]' \
   >   '"Operation":-1,"MapList":[{"PmapID":9}]' '"Operation":0,"MapList":[{"PmapID":99}]' '"Operation":0,"MapList":[]'; do
-  >   gwcall -S RTPortMap modPortMapping "{$m}"; done
-  {"result":true}
-  {"result":true}
-  {"result":true}
-  {"result":true}
-  {"result":true}
-  {"result":true}
+  >   gwcall -S RTPortMap modPortMapping "{$m}"; done | uniq -c
+        6 {"result":true}
   $ add ""
   {"result":true}
   run: /etc/init.d/firewall reload
@@ -187,11 +175,8 @@ More than 32 stored by other means: the first 32 are listed, an add is refused, 
   32
   $ add "$(map late 0 10 5000 5000)"
   {"result":false}
-  $ gwcall -S RTPortMap modPortMapping '{"Operation":0,"MapList":[{"PmapID":34},{"PmapID":33}]}'
+  $ gwcall -S RTPortMap modPortMapping '{"Operation":0,"MapList":[{"PmapID":34},{"PmapID":33}]}' | head -1
   {"result":true}
-  run: /etc/init.d/firewall reload
-  $ redir | wc -l
-  128
 
 Group mappings: their own IDs, the range written as text in both ports, read back as numbers; a delete by GmapID
 leaves the port mapping of the same number.
