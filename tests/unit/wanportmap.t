@@ -103,18 +103,12 @@ Enabled, missing ports, no message.
   {"result":false} error [ubus_setConfig]RemoteAddr(256.1.1.1) is invaild
   {"result":false} error [ubus_setConfig]RemoteAddr( 1.2.3.4) is invaild
   {"result":false} error [ubus_setConfig]RemoteAddr() is invaild
-  $ gwcall -S -l RTWanPortMap setWanPortMap '{"Enabled":"1","InPort":22,"ExPort":2222}'
-  {"result":false}
-  error [ubus_setConfig]enabled is invaild
-  $ gwcall -S -l RTWanPortMap setWanPortMap '{"Enabled":1}'
-  {"result":false}
-  error [ubus_setConfig]InPort is invaild
-  error [ubus_setConfig]ExPort is invaild
-  $ gwcall -S -l RTWanPortMap setWanPortMap
-  {"result":false}
-  error [ubus_setConfig]enabled is invaild
-  error [ubus_setConfig]InPort is invaild
-  error [ubus_setConfig]ExPort is invaild
+  $ gwcall -S -l RTWanPortMap setWanPortMap '{"Enabled":"1","InPort":22,"ExPort":2222}' | paste -sd' '
+  {"result":false} error [ubus_setConfig]enabled is invaild
+  $ gwcall -S -l RTWanPortMap setWanPortMap '{"Enabled":1}' | paste -sd' '
+  {"result":false} error [ubus_setConfig]InPort is invaild error [ubus_setConfig]ExPort is invaild
+  $ gwcall -S -l RTWanPortMap setWanPortMap | paste -sd' '
+  {"result":false} error [ubus_setConfig]enabled is invaild error [ubus_setConfig]InPort is invaild error [ubus_setConfig]ExPort is invaild
   $ cat etc/config/WanPortMap; ls tmp
 
 Without the package: the set is refused, the get answers the defaults, each with the reason; the start's apply
