@@ -94,13 +94,9 @@ int answer(const Command &c, int status)
     Command uci;
     uci.argv = {tool && *tool ? tool : GWCALL_UCI, "-c", g_root + "/etc/config", "-t", g_root + "/tmp/.uci"};
     uci.argv.insert(uci.argv.end(), c.argv.begin() + 1, c.argv.end());
-    const int log = g_stderr < 0 ? -1 : dup(STDERR_FILENO);  // the tool's messages are not the daemon's log
-    if (log >= 0)
-        dup2(g_stderr, STDERR_FILENO);
-    const int rc = routeutils::runCommand(uci);
-    if (log >= 0)
-        dup2(log, STDERR_FILENO), close(log);
-    return rc;
+    if (g_stderr >= 0)  // the tool's messages are not the daemon's log lines
+        uci.redirections.push_back({2, false, "/dev/fd/" + std::to_string(g_stderr)});
+    return routeutils::runCommand(uci);
 }
 
 int init()
@@ -121,17 +117,13 @@ int call(const char *object, const char *method, const char *json)
     ubus_object *const objects[] = {&rtMacFilterObject, &zelmadMacfilterObject, &rtIptvObject, &firewallObject,
                                     &zelmadVlanObject,  &rtPortMapObject,       &rtUpnpObject, &rtWanPortMapObject};
     ubus_object *obj = nullptr;
-    for (ubus_object *o : objects)
-        if (std::strcmp(o->name, object) == 0)
-            obj = o;
-    if (obj == nullptr)
-        return UBUS_STATUS_NOT_FOUND;
     const ubus_method *m = nullptr;
-    for (int i = 0; i < obj->n_methods; ++i)
-        if (std::strcmp(obj->methods[i].name, method) == 0)
-            m = &obj->methods[i];
+    for (ubus_object *o : objects)
+        for (int i = 0; i < o->n_methods; ++i)
+            if (std::strcmp(o->name, object) == 0 && (obj = o) && std::strcmp(o->methods[i].name, method) == 0)
+                m = &o->methods[i];
     if (m == nullptr)
-        return UBUS_STATUS_METHOD_NOT_FOUND;
+        return obj == nullptr ? UBUS_STATUS_NOT_FOUND : UBUS_STATUS_METHOD_NOT_FOUND;
     blob_buf msg{};
     blob_buf_init(&msg, 0);
     ubus_request_data req{};
