@@ -48,17 +48,23 @@ misspelt Enable, no message.
   {"result":false}
   $ cmp upnpd.off etc/config/upnpd
 
-The lease list comes from the file upnpd names (taken under the test's root), at most 128 lines: TCP is 0,
-anything else 1; the description is the rest of the line without its line end; a short or empty line still
-gives an entry; a port out of range reads 0, the address keeps 15 characters. The switch is reported as stored.
+The lease list comes from the file upnpd names (under the test's root), one entry a line: only TCP and tcp are 0,
+the protocol keeps 3 characters; a port is its leading digits, 0 past 65535; the address keeps 15 characters,
+an IPv6 one splits at its colons; the description is the rest of the line without its line end, a NUL ends it;
+a short or empty line still gives an entry. The switch is reported as stored.
 
   $ gwcall --uci set upnpd.config._init=12 && gwcall --uci commit upnpd
-  $ printf 'TCP:8080:192.168.1.20:80:1700000000:web: admin:page\r\nudp:53:10.0.0.2:53:0:\nUDP:70000:a-very-long-address-text:http\n\nTCP:1:a:2:0:be\0fore\n' > var/run/miniupnpd.leases
-  $ gwcall -S RTUpnp getUpnpStatus
-  {"params":{"Enable":12,"List":[{"Description":"web: admin:page","ExternalPort":8080,"InternalIP":"192.168.1.20","InternalPort":80,"Protocol":0},{"Description":"","ExternalPort":53,"InternalIP":"10.0.0.2","InternalPort":53,"Protocol":1},{"Description":"","ExternalPort":0,"InternalIP":"a-very-long-add","InternalPort":0,"Protocol":1},{"Description":"","ExternalPort":0,"InternalIP":"","InternalPort":0,"Protocol":1},{"Description":"be","ExternalPort":1,"InternalIP":"a","InternalPort":2,"Protocol":0}]},"result":true}
-  $ for i in $(seq 200); do echo "TCP:$i:192.168.1.2:80:0:n$i"; done > var/run/miniupnpd.leases
-  $ gwcall -S RTUpnp getUpnpStatus | grep -o '"Description":"n[0-9]*"' | sed -n '$p'
-  "Description":"n128"
+  $ printf 'TCP:8080:192.168.1.20:80:1700000000:web: admin:page\r\nudp:53:10.0.0.2:53:0:\nTcp:80x:a: 80:0:d\r\r\n' > l
+  $ printf 'TCPX:70000:a-very-long-address-text:http\n\nTCP:1:fe80::1:2:0:d\nTCP:1:a:2:0:be\0fore\n' >> l
+  $ mv l var/run/miniupnpd.leases && gwcall -S RTUpnp getUpnpStatus
+  {"params":{"Enable":12,"List":[{"Description":"web: admin:page","ExternalPort":8080,"InternalIP":"192.168.1.20","InternalPort":80,"Protocol":0},{"Description":"","ExternalPort":53,"InternalIP":"10.0.0.2","InternalPort":53,"Protocol":1},{"Description":"d","ExternalPort":80,"InternalIP":"a","InternalPort":0,"Protocol":1},{"Description":"","ExternalPort":0,"InternalIP":"a-very-long-add","InternalPort":0,"Protocol":0},{"Description":"","ExternalPort":0,"InternalIP":"","InternalPort":0,"Protocol":1},{"Description":"2:0:d","ExternalPort":1,"InternalIP":"fe80","InternalPort":0,"Protocol":0},{"Description":"be","ExternalPort":1,"InternalIP":"a","InternalPort":2,"Protocol":0}]},"result":true}
+
+At most 128 lines are read, and 1023 characters of a line; the rest of a longer line is skipped.
+
+  $ { printf 'TCP:1:a:2:0:%03000d\n' 0; for i in $(seq 200); do echo "TCP:$i:192.168.1.2:80:0:n$i"; done; } > var/run/miniupnpd.leases
+  $ gwcall -S RTUpnp getUpnpStatus > r && grep -o '"Description":"0*"' r | tr -cd 0 | wc -c && grep -o '"n[0-9]*"' r | tail -1
+  1011
+  "n127"
 
 Only a plain file is read: a FIFO without a writer (which would block) or a folder lists nothing.
 
