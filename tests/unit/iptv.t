@@ -60,13 +60,19 @@ the call without a reply (status -1).
 Off: the members' rules come out in the order they went in, the bridge goes, the ports return to the LAN; the
 VLAN device's removal is only logged. Off to off with other ports stores them and runs nothing.
 
-  $ GWCONF_LOG_LEVEL=info j -l RTIptv setIptv '{"enable":0,"vlanId":100,"vlan1":1,"vlan2":0,"vlan3":1,"type":1}' | grep -v "uciGetConfig\|setIptv\|oldInfo"
+  $ GWCONF_LOG_LEVEL=info gwcall -S -l RTIptv setIptv '{"enable":0,"vlanId":100,"vlan1":1,"vlan2":0,"vlan3":1,"type":1}' | grep -v "uciGetConfig\|setIptv\|oldInfo"
   {"result":true}
   info [delIptvVlan]cmd [ip link delete dev eth1.100] 
   info [delIptvVlan]iptv delete  
   info [reloadNetworkTimer]................................................./etc/init.d/network restart.................................
   run: ebtables --concurrent -t broute -D BROUTING -i lan1.100 -p ipv4 --ip-proto tcp --ip-dport 53 -j ACCEPT 2> /dev/null
+  run: ebtables --concurrent -t broute -D BROUTING -i lan1.100 -p ipv4 --ip-proto udp --ip-dport 53 -j ACCEPT 2> /dev/null
+  run: ebtables --concurrent -t broute -D BROUTING -i lan1.100 -p ipv6 --ip6-proto tcp --ip6-dport 53 -j ACCEPT 2> /dev/null
+  run: ebtables --concurrent -t broute -D BROUTING -i lan1.100 -p ipv6 --ip6-proto udp --ip6-dport 53 -j ACCEPT 2> /dev/null
   run: ebtables --concurrent -t broute -D BROUTING -i lan3.100 -p ipv4 --ip-proto tcp --ip-dport 53 -j ACCEPT 2> /dev/null
+  run: ebtables --concurrent -t broute -D BROUTING -i lan3.100 -p ipv4 --ip-proto udp --ip-dport 53 -j ACCEPT 2> /dev/null
+  run: ebtables --concurrent -t broute -D BROUTING -i lan3.100 -p ipv6 --ip6-proto tcp --ip6-dport 53 -j ACCEPT 2> /dev/null
+  run: ebtables --concurrent -t broute -D BROUTING -i lan3.100 -p ipv6 --ip6-proto udp --ip6-dport 53 -j ACCEPT 2> /dev/null
   timer: reloadNetworkTimer after 1000 ms
   run: /etc/init.d/network reload
   $ iptv && net

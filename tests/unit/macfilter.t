@@ -115,15 +115,18 @@ section before denyall. White to off: the catch-all rules, then each device's; n
   $ rules | tail -2
   tv lan all AA:BB:CC:DD:EE:01 wan ACCEPT
   denyall lan all wan DROP
-  $ j RTMacFilter setMacFilter '{"enable":0,"model":2}'
+  $ gwcall -S RTMacFilter setMacFilter '{"enable":0,"model":2}'
   {"result":true}
   run: ip6tables -D FORWARD -i eth1 -j ACCEPT
   run: ip6tables -D FORWARD -j REJECT
   run: ebtables -D FORWARD -i eth1 -j ACCEPT
   run: ebtables -D FORWARD -j DROP
   run: ebtables -D FORWARD -s AA:BB:CC:DD:EE:03 -j ACCEPT
+  run: ip6tables -D FORWARD -m mac --mac-source AA:BB:CC:DD:EE:03 -j ACCEPT
   run: ebtables -D FORWARD -s AA:BB:CC:DD:EE:04 -j ACCEPT
+  run: ip6tables -D FORWARD -m mac --mac-source AA:BB:CC:DD:EE:04 -j ACCEPT
   run: ebtables -D FORWARD -s AA:BB:CC:DD:EE:01 -j ACCEPT
+  run: ip6tables -D FORWARD -m mac --mac-source AA:BB:CC:DD:EE:01 -j ACCEPT
   run: /etc/init.d/firewall reload
   $ mf && rules
   0|no|aa:bb:cc:dd:ee:02/pc|AA:BB:CC:DD:EE:03/cam AA:BB:CC:DD:EE:04/tab AA:BB:CC:DD:EE:01/tv
