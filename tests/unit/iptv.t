@@ -87,13 +87,7 @@ VLAN device's removal is only logged. Off to off with other ports stores them an
 On untagged, then another VLAN on another port: the old member's rules out, the new one's in. The highest VLAN
 id; a missing vlanId is 0.
 
-  $ j RTIptv setIptv '{"enable":1,"vlanId":100,"vlan1":1,"vlan2":0,"vlan3":0,"type":0}'
-  {"result":true}
-  run: uci set network.iptv=interface
-  run: uci commit network
-  run: ebtables --concurrent -t broute -I BROUTING -i lan1 -p ipv4 --ip-proto tcp --ip-dport 53 -j ACCEPT
-  timer: reloadNetworkTimer after 1000 ms
-  run: /etc/init.d/network reload
+  $ gwcall RTIptv setIptv '{"enable":1,"vlanId":100,"vlan1":1,"vlan2":0,"vlan3":0,"type":0}' > /dev/null
   $ j RTIptv setIptv '{"enable":1,"vlanId":200,"vlan1":0,"vlan2":1,"vlan3":0,"type":0}'
   {"result":true}
   run: ebtables --concurrent -t broute -D BROUTING -i lan1 -p ipv4 --ip-proto tcp --ip-dport 53 -j ACCEPT 2> /dev/null

@@ -210,11 +210,9 @@ refused.
 
   $ mkdir full && cd full && gwcall --init
   $ for i in $(seq 10 40); do gwcall --uci add_list macFilter.blacklist.deny=00:00:00:00:00:$i/dev$i; done
-  $ gwcall --uci commit macFilter && add 1 dev41 00:00:00:00:00:41
+  $ gwcall --uci commit macFilter && add 1 dev41 00:00:00:00:00:41 | head -2
   {"result":true}
   run: ebtables -I FORWARD 1 -s 00:00:00:00:00:41 -j DROP
-  run: ip6tables -I FORWARD -m mac --mac-source 00:00:00:00:00:41 -j DROP
-  run: /etc/init.d/firewall reload
   $ add 1 dev42 00:00:00:00:00:42 -l
   {"result":false}
   error [addMacFilterListHandler]blackList Has been reached max num
