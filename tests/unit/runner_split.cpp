@@ -98,8 +98,8 @@ TEST(RunnerSplit, LinesAreCutLikeTheDaemonBuffer)
     cmd = build("touch %s", fits.c_str());
     EXPECT_FALSE(cmd.cut);
     EXPECT_EQ(cmd.line.size(), kCommandLineMax);
-    cmd = build("touch %s tail", fits.c_str());  // a word starting past the limit is no empty argument
-    EXPECT_EQ(shown(cmd), "touch|" + fits);
+    for (const std::string &word : {fits, fits.substr(1)})  // a word starting at or past the cut is no empty argument
+        EXPECT_EQ(shown(build("touch %s tail", word.c_str())), "touch|" + word);
 
     // The program word of the iptables entry point counts towards the limit.
     CommandFormat format;
