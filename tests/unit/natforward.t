@@ -11,16 +11,13 @@ NAT port forwarding (RTPortMap), called in process: each mapping is two redirect
   $ redir() { gwcall --uci export firewall | awk -v RS= '/^config redirect/ { gsub(/\n\t(option|list) [A-Za-z_]+ /, " "); gsub(/\047/, ""); print substr($0, 17) }'; }
   $ ids() { gwcall -S RTPortMap getPortMapping | grep -o '"PmapID":[0-9]*' | cut -d: -f2 | xargs; }
 
-An add: both sections of each entry are committed after every other section (the request's wan sections first),
+An add: both sections of each entry are committed after the other sections (the request's wan sections first),
 then the firewall reloads. Protocol 1 is a list value udp, 2 (both) no proto at all.
 
   $ add "$(map web 0 10 80 8080),$(map dns 1 11 53 5353),$(map game 2 12 7000 7000)"
   {"result":true}
   run: /etc/init.d/firewall reload
-  $ gwcall --uci export firewall | sed -n '/^config include/,$p' | head -13
-  config include
-  \toption path '/etc/firewall.user' (esc)
-  
+  $ gwcall --uci export firewall | sed -n '/^config redirect/,/^$/p' | head -10
   config redirect
   \toption name 'web' (esc)
   \toption PmapID '1' (esc)

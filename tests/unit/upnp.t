@@ -3,8 +3,8 @@ The UPnP switch (RTUpnp) and the start-up restore of UPnP and the DMZ rule, call
   $ gwcall --init
 
 On: the firewall include is written with the uci tool and the firewall reloaded, then the service is enabled and
-started; the switch is stored in _init. Off: the include again, then stop and disable; nothing else of upnpd
-changes.
+started; the switch is stored in _init. Off: the include again (its four sets left out below), then stop and
+disable; nothing else of upnpd changes.
 
   $ gwcall -S RTUpnp setUpnpStatus '{"Enable":1}'
   {"result":true}
@@ -19,12 +19,8 @@ changes.
   $ gwcall -S RTUpnp getUpnpStatus
   {"params":{"Enable":1,"List":[]},"result":true}
   $ cp etc/config/upnpd upnpd.on
-  $ gwcall -S RTUpnp setUpnpStatus '{"Enable":0}'
+  $ gwcall -S RTUpnp setUpnpStatus '{"Enable":0}' | sed '2,5d'
   {"result":true}
-  run: uci set firewall.dmzupnpdomain=include
-  run: uci set firewall.dmzupnpdomain.path=/usr/bin/dmzupnp.sh
-  run: uci set firewall.dmzupnpdomain.reload=1
-  run: uci set firewall.dmzupnpdomain.type=script
   run: uci commit firewall
   run: /etc/init.d/firewall reload
   run: /etc/init.d/miniupnpd stop > /dev/null

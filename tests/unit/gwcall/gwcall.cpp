@@ -1,20 +1,14 @@
-// gwcall: one method of gwconfd called in this process as `ubus call` would call it, every command recorded instead
-// of run, the configuration in a folder of the caller's (no bus daemon, no root rights).
+// gwcall: one method of gwconfd called in this process as `ubus call` would call it, each command recorded instead of
+// run, the configuration under a folder of the caller's (GWCALL_ROOT, default "."; no bus daemon, no root rights).
 //
-//   gwcall --init                       ROOT/etc/config from the default configuration, ROOT/tmp, ROOT/var/run
-//   gwcall [-l] --start                 the start-up steps (MAC filter, IPTV, UPnP and DMZ, the WAN apply)
-//   gwcall --uci ARGS...                the uci tool on ROOT's configuration (changes saved in ROOT/tmp/.uci)
-//   gwcall [-S] [-l] OBJECT METHOD ['JSON']   the arguments of `ubus call`
+//   gwcall --init | [-l] --start | --uci ARGS... | [-S] [-l] OBJECT METHOD ['JSON']
 //
-// Output: the reply as `ubus call` prints it, on one line as `ubus -S call` with -S (nothing without a reply);
-// with -l the daemon's log lines of the call and its timers as `LEVEL [FUNCTION]MESSAGE` (no line number; the
-// errors, or the level GWCONF_LOG_LEVEL names); "run: " and each command run, quoted as the emulated router's
-// journal quotes it, with its redirections and a final "&"; for each timer armed, "timer: NAME after N ms" and
-// what it runs when it fires (at once here). The exit status is the bus status as `ubus -S call` gives it.
-//
-// Environment: GWCALL_ROOT, the folder standing for "/" (default: the current one); GWCALL_STATUS, the exit status
-// of every recorded command (default 0); GWCALL_UCI, the uci tool, whose commands run for real on ROOT/etc/config
-// as on the router. The daemon's standard output goes to /dev/null.
+// --init fills ROOT/etc/config from the default configuration; --start runs the start-up steps (MAC filter, IPTV,
+// UPnP and DMZ, the WAN apply); --uci runs the uci tool on ROOT. A call prints the reply as `ubus call` does (on
+// one line with -S, as `ubus -S call`); with -l the daemon's log lines as `LEVEL [FUNCTION]MESSAGE` (errors, or the
+// level GWCONF_LOG_LEVEL names); "run: " and each command, quoted as the router's journal quotes it; then
+// "timer: NAME after N ms" and what each armed timer runs (fired at once). It exits with the bus status. Every
+// recorded command answers GWCALL_STATUS (default 0), but the uci tool (GWCALL_UCI) runs for real on ROOT.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
