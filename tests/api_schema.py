@@ -4,9 +4,10 @@
   api_schema.py --live                 inside the emulated router (sandbox/router -- ...): the objects, methods and
                                        argument types of `ubus -v list` equal the schema's, and the reply of every
                                        call of a fixed session (every method, every reply shape) fits its schema
-  api_schema.py [--self-test] FILE.t   in cram transcripts, every `$ ubus call OBJ METHOD ['JSON']` or
-                                       `$ gwcall OBJ METHOD ['JSON']` names a method of the schema, and the JSON value
-                                       that starts its expected output (the reply) fits the method's reply schema;
+  api_schema.py [--self-test] FILE.t   in cram transcripts, every `$ ubus [-S] call OBJ METHOD ['JSON']` or
+                                       `$ gwcall [options] OBJ METHOD ['JSON']` names a method of the schema, and the
+                                       JSON value that starts its expected output (the reply, indented or on one line)
+                                       fits the method's reply schema;
                                        --self-test first checks that a sample with known faults is caught
 
 Needs Debian's python3-jsonschema (hence /usr/bin/python3).
@@ -14,6 +15,7 @@ Needs Debian's python3-jsonschema (hence /usr/bin/python3).
 import codecs
 import json
 import os
+import re
 import shlex
 import subprocess
 import sys
@@ -167,6 +169,10 @@ def check_transcript(api, path, text):
             rest = words[words.index("call") + 1:]
         elif words[:1] == ["gwcall"]:
             rest = words[1:]
+            while rest and rest[0] in ("-S", "-l"):
+                rest = rest[1:]
+            if rest[:1] in (["--init"], ["--start"], ["--uci"]):
+                continue  # the harness's own steps, no bus call
         else:
             continue
         where = f"{path}:{n}: {' '.join(rest[:2])}"
@@ -177,8 +183,8 @@ def check_transcript(api, path, text):
             continue
         checked += 1
         body = "\n".join(output).lstrip()
-        if len(rest) > 3 or not body.startswith(("{", "[")):
-            continue  # piped elsewhere, or no reply (a bus status)
+        if len(rest) > 3 or not body.startswith(("{", "[")) or re.fullmatch(r"\[\d+\]", output[0].strip()):
+            continue  # piped elsewhere, or no reply (a bus status; cram's `[N]` is the exit status)
         try:
             reply, _ = json.JSONDecoder().raw_decode(body)
         except ValueError as e:
@@ -198,8 +204,10 @@ SAMPLE = """A good reply, a reply that breaks the schema, a call of an unknown m
   \t"params": {"Enabled": 2, "InPort": 0, "ExPort": 0},
   \t"result": true
   }
-  $ gwcall RTIptv getIptv
-  {"result": true}
+  $ gwcall -S -l RTIptv getIptv
+  {"result":true}
+  $ gwcall -S RTUpnp getUpnpStatus
+  {"params":{"Enable":-1,"List":[]},"result":true}
   $ ubus call RTIptv nosuch
   Command failed: ubus call RTIptv nosuch (Method not found)
   [253]
@@ -212,7 +220,8 @@ SAMPLE = """A good reply, a reply that breaks the schema, a call of an unknown m
 def self_test(api):
     checked, faults = check_transcript(api, "sample", SAMPLE)
     where = {": ".join(f.split(": ", 2)[:2]) for f in faults}
-    if where != {"sample:6: RTWanPortMap getWanPortMap", "sample:11: RTIptv getIptv"} or checked != 3 or not any("'RemoteAddr' is a required property" in f for f in faults) \
+    if where != {"sample:6: RTWanPortMap getWanPortMap", "sample:11: RTIptv getIptv", "sample:13: RTUpnp getUpnpStatus"} \
+            or checked != 4 or not any("'RemoteAddr' is a required property" in f for f in faults) \
             or not any("2 is not one of [0, 1]" in f for f in faults):
         return [f"self-test: the sample's faults were not reported as expected: {faults} (checked {checked})"]
     return []

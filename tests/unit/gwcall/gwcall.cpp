@@ -1,29 +1,22 @@
-// gwcall: one method of gwconfd called in this process, as `ubus call` would call it, with every command recorded
-// instead of run and the configuration in a folder of the caller's (no bus daemon, no root rights).
+// gwcall: one method of gwconfd called in this process as `ubus call` would call it, each command recorded instead of
+// run, the configuration under a folder of the caller's (GWCALL_ROOT, default "."; no bus daemon, no root rights).
 //
-//   gwcall --init                    ROOT/etc/config from the default configuration, ROOT/tmp and ROOT/var/run
-//   gwcall --start                   the daemon's start-up steps (MAC filter, IPTV, UPnP and DMZ, the WAN apply)
-//   gwcall --uci ARGS...             the uci tool on ROOT's configuration (its changes saved in ROOT/tmp/.uci)
-//   gwcall OBJECT METHOD ['JSON']    the same arguments as `ubus call`
+//   gwcall --init | [-l] --start | --uci ARGS... | [-S] [-l] OBJECT METHOD ['JSON']
 //
-// Output: the reply exactly as `ubus call` prints it (nothing without one); then "run: " and each command the call
-// ran, quoted as the emulated router's journal quotes it, with its redirections and a final "&"; then, for each
-// timer the call armed, "timer: NAME after N ms" and what the timer runs when it fires (fired at once here). The
-// exit status is the bus status as `ubus -S call` gives it (status & 0xff).
-//
-// Environment: GWCALL_ROOT, the folder that stands for "/" (default: the current folder); GWCALL_STATUS, the exit
-// status every recorded command answers (default 0); GWCALL_UCI, the uci tool. Commands of the uci tool are run
-// for real on ROOT/etc/config, as on the router, so the configuration they write is there to see. The daemon's
-// standard output goes to /dev/null; its log lines come on standard error with GWCONF_LOG_STDERR=1.
-#include <clocale>
+// --init fills ROOT/etc/config from the default configuration; --start runs the start-up steps (MAC filter, IPTV,
+// UPnP and DMZ, the WAN apply); --uci runs the uci tool on ROOT. A call prints the reply as `ubus call` does (on
+// one line with -S, as `ubus -S call`); with -l the daemon's log lines as `LEVEL [FUNCTION]MESSAGE` (errors, or the
+// level GWCONF_LOG_LEVEL names); "run: " and each command, quoted as the router's journal quotes it; then
+// "timer: NAME after N ms" and what each armed timer runs (fired at once). It exits with the bus status. Every
+// recorded command answers GWCALL_STATUS (default 0), but the uci tool (GWCALL_UCI) runs for real on ROOT.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cwchar>
-#include <cwctype>
 #include <fcntl.h>
 #include <filesystem>
+#include <regex>
 #include <string>
+#include <sys/mman.h>
 #include <unistd.h>
 #include <vector>
 
@@ -40,6 +33,7 @@ using routeutils::Command;
 namespace {
 
 std::string g_root;
+int g_stderr = -1;  // with -l: the caller's standard error, while fd 2 collects the daemon's log lines
 std::vector<char> g_reply;  // the reply blob, as the bus would have sent it
 
 void keepReply(blob_attr *reply)
@@ -49,44 +43,24 @@ void keepReply(blob_attr *reply)
 }
 
 // One argument as the router's journal writes it: bare when made of [A-Za-z0-9_@%+=:,./-] only, $'...' (bash's
-// %q) when it holds a control character, else in single quotes.
+// %q, for ASCII) when it holds a control character, else in single quotes.
 std::string quote(const std::string &arg)
 {
     if (!arg.empty() && arg.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"
                                               "_@%+=:,./-") == std::string::npos)
         return arg;
+    static const char kEscaped[] = "\a\b\x1b\f\n\r\t\v\\'", kLetters[] = "abEfnrtv\\'";
     bool control = false;
     for (unsigned char c : arg)
         control = control || c < 0x20 || c == 0x7f;
-    if (!control) {
-        std::string out = "'";
-        for (char c : arg)
-            out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-        return out + "'";
-    }
-    static const char kEscaped[] = "\a\b\x1b\f\n\r\t\v\\'";
-    static const char kLetters[] = "abEfnrtv\\'";
-    std::string out = "$'";
-    std::mbstate_t state{};
-    for (size_t i = 0; i < arg.size();) {
-        const unsigned char c = static_cast<unsigned char>(arg[i]);
-        wchar_t wc = 0;
-        const size_t n = c < 0x80 ? 1 : std::mbrtowc(&wc, arg.data() + i, arg.size() - i, &state);
-        if (const char *hit = c ? std::strchr(kEscaped, c) : nullptr) {
-            out += std::string("\\") + kLetters[hit - kEscaped];
-        } else if (c >= 0x20 && c < 0x7f) {
-            out += static_cast<char>(c);
-        } else if (c >= 0x80 && n > 0 && n <= arg.size() - i && std::iswprint(wc)) {
-            out.append(arg, i, n);  // a printable character of the UTF-8 locale stays as it is
-            i += n;
-            continue;
-        } else {
-            char octal[8];
-            std::snprintf(octal, sizeof octal, "\\%03o", c);
-            out += octal;
-            state = {};
-        }
-        ++i;
+    std::string out = control ? "$'" : "'";
+    for (unsigned char c : arg) {
+        char octal[8];
+        std::snprintf(octal, sizeof octal, "\\%03o", c);
+        const char *hit = c ? std::strchr(kEscaped, c) : nullptr;
+        out += !control ? (c == '\'' ? std::string("'\\''") : std::string(1, static_cast<char>(c)))
+               : hit    ? std::string("\\") + kLetters[hit - kEscaped]
+               : c < 0x20 || c == 0x7f ? std::string(octal) : std::string(1, static_cast<char>(c));
     }
     return out + "'";
 }
@@ -114,6 +88,8 @@ int answer(const Command &c, int status)
     Command uci;
     uci.argv = {tool && *tool ? tool : GWCALL_UCI, "-c", g_root + "/etc/config", "-t", g_root + "/tmp/.uci"};
     uci.argv.insert(uci.argv.end(), c.argv.begin() + 1, c.argv.end());
+    if (g_stderr >= 0)  // the tool's messages are not the daemon's log lines
+        uci.redirections.push_back({2, false, "/dev/fd/" + std::to_string(g_stderr)});
     return routeutils::runCommand(uci);
 }
 
@@ -135,17 +111,13 @@ int call(const char *object, const char *method, const char *json)
     ubus_object *const objects[] = {&rtMacFilterObject, &zelmadMacfilterObject, &rtIptvObject, &firewallObject,
                                     &zelmadVlanObject,  &rtPortMapObject,       &rtUpnpObject, &rtWanPortMapObject};
     ubus_object *obj = nullptr;
-    for (ubus_object *o : objects)
-        if (std::strcmp(o->name, object) == 0)
-            obj = o;
-    if (obj == nullptr)
-        return UBUS_STATUS_NOT_FOUND;
     const ubus_method *m = nullptr;
-    for (int i = 0; i < obj->n_methods; ++i)
-        if (std::strcmp(obj->methods[i].name, method) == 0)
-            m = &obj->methods[i];
+    for (ubus_object *o : objects)
+        for (int i = 0; i < o->n_methods; ++i)
+            if (std::strcmp(o->name, object) == 0 && (obj = o) && std::strcmp(o->methods[i].name, method) == 0)
+                m = &o->methods[i];
     if (m == nullptr)
-        return UBUS_STATUS_METHOD_NOT_FOUND;
+        return obj == nullptr ? UBUS_STATUS_NOT_FOUND : UBUS_STATUS_METHOD_NOT_FOUND;
     blob_buf msg{};
     blob_buf_init(&msg, 0);
     ubus_request_data req{};
@@ -159,11 +131,13 @@ int call(const char *object, const char *method, const char *json)
 
 int main(int argc, char **argv)
 {
-    std::setlocale(LC_CTYPE, "C.UTF-8");
     const char *root = std::getenv("GWCALL_ROOT");
     g_root = fs::absolute(root && *root ? root : ".").lexically_normal().string();
     if (g_root.size() > 1 && g_root.back() == '/')
         g_root.pop_back();
+    bool compact = false, logs = false;  // -S, -l
+    for (; argc > 1 && (std::strcmp(argv[1], "-S") == 0 || std::strcmp(argv[1], "-l") == 0); --argc, ++argv)
+        (argv[1][1] == 'S' ? compact : logs) = true;
     const bool start = argc == 2 && std::strcmp(argv[1], "--start") == 0;
     if (argc == 2 && std::strcmp(argv[1], "--init") == 0)
         return init();
@@ -174,7 +148,7 @@ int main(int argc, char **argv)
         return answer(uci, 0);
     }
     if (!start && (argc < 3 || argc > 4)) {
-        std::fprintf(stderr, "usage: gwcall --init | --start | --uci ARGS... | OBJECT METHOD ['JSON']\n");
+        std::fprintf(stderr, "usage: gwcall --init | [-l] --start | --uci ARGS... | [-S] [-l] OBJECT METHOD ['JSON']\n");
         return 1;
     }
 
@@ -192,6 +166,13 @@ int main(int argc, char **argv)
     const int out = dup(STDOUT_FILENO);
     const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
     dup2(devnull, STDOUT_FILENO);
+    const int logFd = logs ? memfd_create("gwcall-log", MFD_CLOEXEC) : -1;
+    if (logFd >= 0) {
+        setenv("GWCONF_LOG_STDERR", "1", 1);
+        setenv("GWCONF_LOG_LEVEL", "err", 0);  // the errors; GWCONF_LOG_LEVEL=info adds the info lines
+        g_stderr = dup(STDERR_FILENO);
+        dup2(logFd, STDERR_FILENO);
+    }
     int result = 0;
     if (start) {
         macFilterInit();
@@ -217,13 +198,23 @@ int main(int argc, char **argv)
     }
     std::fflush(stdout);
     dup2(out, STDOUT_FILENO);
+    std::string logLines;  // each entry "LEVEL [FUNCTION:LINE]MESSAGE" without ":LINE"
+    if (logFd >= 0) {
+        dup2(g_stderr, STDERR_FILENO);
+        char chunk[4096];
+        lseek(logFd, 0, SEEK_SET);
+        for (ssize_t n; (n = read(logFd, chunk, sizeof chunk)) > 0;)
+            logLines.append(chunk, static_cast<size_t>(n));
+        static const std::regex kLine("^((?:error|info|debug) \\[[^\\]:]*):[0-9]+\\]", std::regex::multiline);
+        logLines = std::regex_replace(logLines, kLine, "$1]");
+    }
 
     if (!g_reply.empty()) {
-        char *text = blobmsg_format_json_indent(reinterpret_cast<blob_attr *>(g_reply.data()), true, 0);
+        char *text = blobmsg_format_json_indent(reinterpret_cast<blob_attr *>(g_reply.data()), true, compact ? -1 : 0);
         std::printf("%s\n", text ? text : "");
         std::free(text);
     }
-    std::printf("%s%s", ran.c_str(), timers.c_str());
+    std::printf("%s%s%s", logLines.c_str(), ran.c_str(), timers.c_str());
     uloop_done();
     return result & 0xff;
 }
