@@ -300,16 +300,17 @@ int send_message(ubus_context *ctx, uint16_t seq, blob_attr *msg, int type, uint
 
 void disconnected(ubus_context *ctx)
 {
-	int fd = ctx->sock.fd;
+	// eof marks this connection as dead for the callback too (a request from it fails at once). A reconnect from
+	// the callback clears it (ubus_reconnect, uloop_fd_add), and that is how a new connection is told from the
+	// dead one: not by the descriptor, as the new socket usually gets the number the old one just gave back.
 	ctx->cancel_poll = true;
+	ctx->sock.eof = true;
 	ubus_flush_requests(ctx);
 	if (ctx->connection_lost)
 		ctx->connection_lost(ctx);
-	// Keep a dead socket out of the loop; a reconnect from the callback has already replaced it.
-	if (ctx->sock.fd == fd && ctx->sock.registered)
+	// Keep a dead socket out of the loop.
+	if (ctx->sock.eof && ctx->sock.registered)
 		uloop_fd_delete(&ctx->sock);
-	if (ctx->sock.fd == fd)
-		ctx->sock.eof = true;
 }
 
 void start_request(ubus_context *ctx, ubus_request *req, uint32_t peer)

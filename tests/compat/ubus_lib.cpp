@@ -404,6 +404,65 @@ struct Lost {
 	}
 };
 
+// Reconnects at once from the connection-lost callback and puts the new socket into the loop, as a daemon does.
+struct ReconnectAtOnce {
+	static inline int calls;
+	static inline const char *path;
+	static void handler(ubus_context *c)
+	{
+		calls++;
+		if (ubus_reconnect(c, path) == UBUS_STATUS_OK)
+			ubus_add_uloop(c);
+		uloop_end();
+	}
+};
+
+TEST_F(UbusLib, ReconnectFromTheLostCallbackKeepsTheNewConnectionInTheLoop)
+{
+	ubus_context *c = client();
+	LocalObject mine("mine");
+	ASSERT_EQ(ubus_add_object(c, &mine.obj), 0);
+	ReconnectAtOnce::calls = 0;
+	ReconnectAtOnce::path = sock.c_str();
+	c->connection_lost = ReconnectAtOnce::handler;
+	ubus_add_uloop(c);
+	int old_fd = c->sock.fd;
+
+	// The new daemon already listens when the loss is noticed: the reconnect succeeds inside the callback, and
+	// the new socket gets the number of the old one.
+	stop(ubusd);
+	start_ubusd();
+	ASSERT_TRUE(run_loop(3000));
+	ASSERT_EQ(ReconnectAtOnce::calls, 1);
+	ASSERT_EQ(c->sock.fd, old_fd) << "the case under test needs the descriptor number to be reused";
+
+	// The object answers under its new id...
+	ubus_context *other = ubus_connect(sock.c_str());
+	ASSERT_NE(other, nullptr);
+	uint32_t id = 0;
+	ASSERT_EQ(ubus_lookup_id(other, "mine", &id), 0);
+	EXPECT_EQ(id, mine.obj.id);
+	ubus_request req;
+	int status = -1;
+	ASSERT_EQ(ubus_invoke_async(other, id, "ping", nullptr, &req), 0);
+	req.priv = &status;
+	req.complete_cb = [](ubus_request *r, int ret) {
+		*static_cast<int *>(r->priv) = ret;
+		uloop_end();
+	};
+	ubus_add_uloop(other);
+	ubus_complete_request_async(other, &req);
+	EXPECT_TRUE(run_loop(2000)) << "the call was not answered";
+	EXPECT_EQ(status, 0);
+	ubus_abort_request(other, &req);
+	ubus_free(other);
+
+	// ...and the next loss is noticed too.
+	stop(ubusd);
+	EXPECT_TRUE(run_loop(3000));
+	EXPECT_EQ(ReconnectAtOnce::calls, 2);
+}
+
 TEST_F(UbusLib, DaemonRestartLostConnectionAndReconnect)
 {
 	start_server();
