@@ -130,8 +130,6 @@ uint32_t NATFORWARD_getMaxIdAndCountBySection(struct uci_context *ctx, struct uc
                                               int *count);
 // Deletes one named section of the loaded package firewall; nothing is committed.
 int NATFORWARD_deleteSection(struct uci_context *ctx, struct uci_package *pkg, const char *sectionName);
-// Adds one value to list "proto" of a named section of the loaded package firewall; libuci's result.
-int NATFORWARD_addProtocol(struct uci_context *ctx, const char *sectionName, const char *value);
 // Runs "/etc/init.d/firewall reload" and waits for it.
 void NATFORWARD_firewallReload(void);
 

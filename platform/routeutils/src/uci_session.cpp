@@ -67,6 +67,15 @@ void UciSession::adopt(uci_package *pkg)
         name_ = pkg_->e.name;
 }
 
+int UciSession::edit(UciEdit edit, const UciAddress &at)
+{
+    uci_package *loaded = nullptr;
+    const int rc = uciEdit(ctx_, edit, at, &loaded);
+    if (rc == UCI_OK)
+        adopt(loaded);
+    return rc;
+}
+
 uci_section *UciSession::firstSection(const char *type) const
 {
     if (pkg_ == nullptr)
@@ -133,6 +142,38 @@ void UciSession::revertOption(const char *section, const char *option)
     uci_revert(ctx_, &undo);
     // libuci reloaded (or dropped) the package: what is still loaded goes with the context.
     pkg_ = nullptr;
+}
+
+int uciEdit(uci_context *ctx, UciEdit edit, const UciAddress &at, uci_package **loaded)
+{
+    const bool sectionOnly = edit == UciEdit::DeleteSection;
+    if (!ctx || !at.package || !at.section || (!sectionOnly && (!at.option || !at.value)))
+        return UCI_ERR_INVAL;
+    const std::string section(at.section);
+    uci_ptr ptr{};
+    ptr.p = at.pkg;
+    ptr.package = at.package;
+    ptr.section = section.c_str();
+    ptr.option = at.option;
+    ptr.value = at.value;
+    int rc = UCI_ERR_INVAL;
+    switch (edit) {
+    case UciEdit::Set:
+        rc = uci_set(ctx, &ptr);
+        break;
+    case UciEdit::AddList:
+        rc = uci_add_list(ctx, &ptr);
+        break;
+    case UciEdit::DelList:
+        rc = uci_del_list(ctx, &ptr);
+        break;
+    case UciEdit::DeleteSection:
+        rc = uci_delete(ctx, &ptr);
+        break;
+    }
+    if (rc == UCI_OK && loaded)
+        *loaded = ptr.p;
+    return rc;
 }
 
 int uciRevertLoaded(uci_context *ctx, uci_package **pkg, const char *section)
