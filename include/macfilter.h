@@ -10,6 +10,8 @@
 
 #include <libubus.h>
 
+#include "routeutils/text.h"
+
 // Argument policy indexes.
 enum { E_SETMACFILTER_ENABLE, E_SETMACFILTER_MODEL, E_SETMACFILTER_MAX };
 enum { E_ADDMACFILTERLIST_ENABLE, E_ADDMACFILTERLIST_MODEL, E_ADDMACFILTERLIST_MACLIST, E_ADDMACFILTERLIST_MAX };
@@ -40,20 +42,12 @@ struct MacFilterEntry {
     char name[MACFILTER_NAME_LEN + 1];
 };
 
-// Copies at most `limit` characters of src (and never more than the destination holds) and terminates the text.
-// Longer input is cut; a null src gives the empty text.
+// routeutils::copyCut under the name the module's unit tests call: at most `limit` characters of src, never more
+// than the destination holds.
 template <size_t N>
 inline void mfCopy(char (&dst)[N], const char *src, size_t limit = N - 1)
 {
-    static_assert(N > 0);
-    if (limit > N - 1)
-        limit = N - 1;
-    size_t n = 0;
-    if (src)
-        while (n < limit && src[n] != '\0')
-            ++n;
-    memcpy(dst, src ? src : "", n);
-    dst[n] = '\0';
+    routeutils::copyCut(dst, src, limit < N - 1 ? limit : N - 1);
 }
 
 // --- MAC text ---------------------------------------------------------------------------------------------------

@@ -81,16 +81,6 @@ enum {
     __E_MODGROUPMAPPING_ENTRY_MAX
 };
 
-// Copies src into a fixed buffer, cut to N - 1 characters, the rest zero-filled. A null src gives an empty text.
-template <size_t N> inline void natforwardCopyCut(char (&dst)[N], const char *src)
-{
-    memset(dst, 0, N);
-    if (src == nullptr)
-        return;
-    size_t len = strnlen(src, N - 1);
-    memcpy(dst, src, len);
-}
-
 // ---- Pure rules (no configuration, no bus) ----
 
 // Two protocols overlap when either covers both or they are equal.

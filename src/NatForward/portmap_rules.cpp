@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include "natforward.h"
+#include "routeutils/text.h"
 
 bool natforwardProtocolsOverlap(uint32_t a, uint32_t b)
 {
@@ -28,8 +29,7 @@ uint32_t natforwardProtocolFromList(int nValues, const char *first)
 
 void natforwardFormatRange(uint32_t start, uint32_t stop, char (&text)[16])
 {
-    memset(text, 0, sizeof text);
-    snprintf(text, sizeof text, "%d-%d", static_cast<int>(start), static_cast<int>(stop));
+    routeutils::formatCut(text, sizeof text - 1, "%d-%d", static_cast<int>(start), static_cast<int>(stop));
 }
 
 bool natforwardSplitRange(const char *text, NatforwardRangeText *out)

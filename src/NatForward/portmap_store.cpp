@@ -9,6 +9,7 @@
 #include "gwconf.h"
 #include "natforward.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/text.h"
 #include "routeutils/uci_session.h"
 #include "uciconfig.h"
 
@@ -114,7 +115,7 @@ uint32_t readProtocol(uci_context *ctx, uci_section *sec, const char *fn, bool t
         if (trace)
             log_error("[%s:%d][%s][%d] value: %s\n", fn, __LINE__, "NatForward", __LINE__, v->name);
         if (nValues == 0)
-            natforwardCopyCut(first, v->name);
+            routeutils::copyCut(first, v->name);
         if (++nValues == 2)
             break; // a second value is all it takes to mean both protocols
     }

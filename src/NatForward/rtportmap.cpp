@@ -12,6 +12,7 @@ extern "C" {
 #include "gwconf.h"
 #include "natforward.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/text.h"
 
 namespace {
 
@@ -71,9 +72,9 @@ void parseEntry(blob_attr *entry, PortMapConfig *rec, const char *fn)
         blobmsg_parse(s_portMapEntryPolicy, __E_MODPORTMAPPING_ENTRY_MAX, tb, blobmsg_data(entry),
                       static_cast<unsigned>(blobmsg_data_len(entry)));
     if (tb[E_MODPORTMAPPING_NAME] != nullptr)
-        natforwardCopyCut(rec->Name, blobmsg_get_string(tb[E_MODPORTMAPPING_NAME]));
+        routeutils::copyCut(rec->Name, blobmsg_get_string(tb[E_MODPORTMAPPING_NAME]));
     if (tb[E_MODPORTMAPPING_INTERNALIP] != nullptr)
-        natforwardCopyCut(rec->InternalIP, blobmsg_get_string(tb[E_MODPORTMAPPING_INTERNALIP]));
+        routeutils::copyCut(rec->InternalIP, blobmsg_get_string(tb[E_MODPORTMAPPING_INTERNALIP]));
     rec->Protocol = entryU32(tb[E_MODPORTMAPPING_PROTOCOL]);
     rec->InternalPort = entryU32(tb[E_MODPORTMAPPING_INTERNALPORT]);
     rec->ExternalPort = entryU32(tb[E_MODPORTMAPPING_EXTERNALPORT]);
@@ -92,9 +93,9 @@ void parseEntry(blob_attr *entry, GroupMapConfig *rec, const char *fn)
         blobmsg_parse(s_groupMapEntryPolicy, __E_MODGROUPMAPPING_ENTRY_MAX, tb, blobmsg_data(entry),
                       static_cast<unsigned>(blobmsg_data_len(entry)));
     if (tb[E_MODGROUPMAPPING_NAME] != nullptr)
-        natforwardCopyCut(rec->Name, blobmsg_get_string(tb[E_MODGROUPMAPPING_NAME]));
+        routeutils::copyCut(rec->Name, blobmsg_get_string(tb[E_MODGROUPMAPPING_NAME]));
     if (tb[E_MODGROUPMAPPING_INTERNALIP] != nullptr)
-        natforwardCopyCut(rec->InternalIP, blobmsg_get_string(tb[E_MODGROUPMAPPING_INTERNALIP]));
+        routeutils::copyCut(rec->InternalIP, blobmsg_get_string(tb[E_MODGROUPMAPPING_INTERNALIP]));
     rec->Protocol = entryU32(tb[E_MODGROUPMAPPING_PROTOCOL]);
     rec->StartPort = entryU32(tb[E_MODGROUPMAPPING_STARTPORT]);
     rec->StopPort = entryU32(tb[E_MODGROUPMAPPING_STOPPORT]);

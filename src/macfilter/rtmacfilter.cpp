@@ -9,6 +9,8 @@
 #include "routeutils/routeutils.h"
 #include "uciconfig.h"
 
+using routeutils::copyCut;
+
 namespace {
 
 const struct blobmsg_policy setMacFilterPolicy[E_SETMACFILTER_MAX] = {
@@ -338,7 +340,7 @@ static int macListArgsCheck(const char *method, const char *idx, struct blob_att
     struct blob_attr *ptb[E_MACFILTERLIST_MAX];
     macParseTable(macFilterListPolicy, E_MACFILTERLIST_MAX, ptb, tb[2]);
     if (ptb[E_MACFILTERLIST_NAME]) {
-        mfCopy(entry->name, blobmsg_get_string(ptb[E_MACFILTERLIST_NAME]));
+        copyCut(entry->name, blobmsg_get_string(ptb[E_MACFILTERLIST_NAME]));
         log_info("[%s:%d]%s name:%s", method, __LINE__, method, entry->name);
     } else {
         log_error("[%s:%d]%s ptb[E_MACFILTERLIST_NAME] is NULL", method, __LINE__, method);
@@ -349,7 +351,7 @@ static int macListArgsCheck(const char *method, const char *idx, struct blob_att
         return -1;
     }
     // The MAC is cut to 17 characters before any test: a longer text is judged by its first 17.
-    mfCopy(entry->mac, blobmsg_get_string(ptb[E_MACFILTERLIST_MAC]));
+    copyCut(entry->mac, blobmsg_get_string(ptb[E_MACFILTERLIST_MAC]));
     log_info("[%s:%d]%s mac:%s", method, __LINE__, method, entry->mac);
     if (macValidCheck(entry->mac, static_cast<int>(strlen(entry->mac))) != 0) {
         log_error("[%s:%d]%s mac is unValid", method, __LINE__, method);

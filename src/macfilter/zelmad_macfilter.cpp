@@ -11,6 +11,8 @@
 #include "routeutils/system.h"
 #include "uciconfig.h"
 
+using routeutils::copyCut;
+
 char s_staListDevName[STA_NAME_LEN + 1];
 
 namespace {
@@ -96,7 +98,7 @@ void ubusGetStaNameFromStaListHandler(struct ubus_request *, int, struct blob_at
         log_error("[%s:%d]blobmsg_parse E_GETSTALIST_DEVNAME error", __func__, __LINE__);
         return;
     }
-    mfCopy(s_staListDevName, blobmsg_get_string(ptb[E_GETSTALIST_DEVNAME]));
+    copyCut(s_staListDevName, blobmsg_get_string(ptb[E_GETSTALIST_DEVNAME]));
     log_info("[%s:%d]---------------get s_staListDevName:%s", __func__, __LINE__, s_staListDevName);
 }
 
@@ -269,7 +271,7 @@ int zelmad_handle_set_macfilter(struct blob_attr *msg)
         log_error("[%s:%d]tb[E_ZELMAD_FILTER_ENTRIES] is NULL", __func__, __LINE__);
         status = UBUS_STATUS_INVALID_ARGUMENT;
     } else {
-        mfCopy(text, blobmsg_get_string(tb[E_ZELMAD_FILTER_ENTRIES]));
+        copyCut(text, blobmsg_get_string(tb[E_ZELMAD_FILTER_ENTRIES]));
         log_info("[%s:%d]zelmad_handle_set_macfilter policy:%s", __func__, __LINE__, text);
     }
 
@@ -283,7 +285,7 @@ int zelmad_handle_set_macfilter(struct blob_attr *msg)
         int count = macListSplit(text, ",", pieces, MACFILTER_MAX_ENTRIES);
         for (int i = 0; i < count; ++i) {
             char token[MACFILTER_ENTRY_LEN + 1] = {};
-            mfCopy(token, pieces[i]);
+            copyCut(token, pieces[i]);
             log_info("[%s:%d]ListPart:%s", __func__, __LINE__, token);
             macEntrySplit(token, MAC_BARE_LEN, &entries[i]);
             log_info("[%s:%d]MFList.mac:%s, MFList.name:%s", __func__, __LINE__, entries[i].mac, entries[i].name);

@@ -3,7 +3,7 @@
 // before it returns; the daemon keeps no configuration state between operations.
 #include "uciconfig.h"
 
-#include "routeutils/owners.h"
+#include "routeutils/text.h"
 #include "routeutils/routeutils.h"
 #include "routeutils/uci_session.h"
 

@@ -1,5 +1,5 @@
 // Typed option accessors and list/section helpers on packages loaded with libuci.
-#include "routeutils/owners.h"
+#include "routeutils/text.h"
 #include "routeutils/routeutils.h"
 #include "routeutils/uci_session.h"
 

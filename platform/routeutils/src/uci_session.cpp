@@ -156,21 +156,9 @@ int uciEdit(uci_context *ctx, UciEdit edit, const UciAddress &at, uci_package **
     ptr.section = section.c_str();
     ptr.option = at.option;
     ptr.value = at.value;
-    int rc = UCI_ERR_INVAL;
-    switch (edit) {
-    case UciEdit::Set:
-        rc = uci_set(ctx, &ptr);
-        break;
-    case UciEdit::AddList:
-        rc = uci_add_list(ctx, &ptr);
-        break;
-    case UciEdit::DelList:
-        rc = uci_del_list(ctx, &ptr);
-        break;
-    case UciEdit::DeleteSection:
-        rc = uci_delete(ctx, &ptr);
-        break;
-    }
+    // libuci's call for each edit, in the order of UciEdit.
+    static int (*const kCalls[])(uci_context *, uci_ptr *) = {uci_set, uci_add_list, uci_del_list, uci_delete};
+    const int rc = kCalls[static_cast<int>(edit)](ctx, &ptr);
     if (rc == UCI_OK && loaded)
         *loaded = ptr.p;
     return rc;
