@@ -95,7 +95,9 @@ int setMacFilterHandler(int enable, int model);
 
 // --- RTMacFilter ------------------------------------------------------------------------------------------------
 int getMacFilterListHandler(void);
-int addMacFilterListHandler(int model, MacFilterEntry *entry);
+// What adding one device to a list came to (the numbers are those the handler has always given).
+enum class MacListAdd { Added = 0, Duplicate = 1, Failed = -1 };
+MacListAdd addMacFilterListHandler(int model, MacFilterEntry *entry);
 int delMacFilterListHandler(int model, MacFilterEntry *entry);
 // The methods' logic (busmethod.h): each builds its reply in s_bufMacIptv.
 int getMacFilterList(struct blob_attr *msg);
