@@ -93,6 +93,7 @@ private:
 
     uci_context *ctx_;
     uci_package *pkg_ = nullptr;
+    uci_element *hiddenDeltaDir_ = nullptr;  // libuci's default save folder, out of the delta path under a root
     std::string name_;  // the package's name, kept apart: a revert unloads the package first
 };
 
