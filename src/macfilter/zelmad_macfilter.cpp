@@ -1,7 +1,6 @@
 // The operator agent's object zelmad.macfilter, and the calls to RTSta, the station daemon that keeps the names of
 // client devices. The agent sees the list in force as one text of bare MACs and names ("AABBCCDDEEFF/phone,...")
 // and a policy number (0 black list, 1 white list); a set replaces the whole list.
-#include <stdio.h>
 #include <string.h>
 
 #include "gwconf.h"
@@ -63,16 +62,13 @@ struct StaRequest {
     StaRequest &operator=(const StaRequest &) = delete;
 };
 
-// Appends one agent entry (bare MAC '/' name) to the entries text, with a ',' before every entry but the first.
+// Appends one agent entry (bare MAC '/' name) to the entries text, with a ',' before every entry but the first. An
+// entry keeps at most 63 characters, its ',' included, and the whole text at most 2047.
 void appendAgentEntry(char (&text)[MACFILTER_LIST_LEN + 1], const char *bareMac, const char *name)
 {
-    char piece[MACFILTER_ENTRY_LEN + 1] = {};
-    if (text[0] == '\0')
-        snprintf(piece, sizeof piece, "%s/%s", bareMac, name);
-    else
-        snprintf(piece, sizeof piece, ",%s/%s", bareMac, name);
-    size_t room = sizeof text - 1 - strlen(text);
-    strncat(text, piece, room);
+    char piece[MACFILTER_ENTRY_LEN + 1];
+    routeutils::formatCut(piece, MACFILTER_ENTRY_LEN, "%s%s/%s", text[0] == '\0' ? "" : ",", bareMac, name);
+    routeutils::appendCut(text, piece, MACFILTER_LIST_LEN);
 }
 
 } // namespace
