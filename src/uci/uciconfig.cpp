@@ -3,8 +3,8 @@
 // before it returns; the daemon keeps no configuration state between operations.
 #include "uciconfig.h"
 
-#include "routeutils/text.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/text.h"
 #include "routeutils/uci_session.h"
 
 #include <cstring>
@@ -199,16 +199,8 @@ int uciAddNewSection(const char *package, const char *type, const char (*options
         const std::string option(options[i], strnlen(options[i], sizeof options[i]));
         const std::string value(values[i], strnlen(values[i], sizeof values[i]));
         log_info("[%s:%d]option:%s, value:%s", __func__, __LINE__, option.c_str(), value.c_str());
-        if (!sec)
-            continue;
-        uci_ptr ptr{};
-        ptr.p = pkg;
-        ptr.s = sec;
-        ptr.package = pkg->e.name;
-        ptr.section = sec->e.name;
-        ptr.option = option.c_str();
-        ptr.value = value.c_str();
-        uci_set(s.ctx(), &ptr);
+        if (sec)
+            uciSetString(s.ctx(), pkg, sec, option.c_str(), value.c_str());
     }
     // Once the package is loaded the result is 0, whatever the edits and the commit did. No save: commit alone.
     s.adopt(pkg);

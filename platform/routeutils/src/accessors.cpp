@@ -1,6 +1,6 @@
 // Typed option accessors and list/section helpers on packages loaded with libuci.
-#include "routeutils/text.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/text.h"
 #include "routeutils/uci_session.h"
 
 #include <cerrno>
