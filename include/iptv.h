@@ -44,22 +44,22 @@ struct IptvInfo {
     int32_t vlan5g;  // index of the 5 GHz radio entry, 0 = none (stored and reported only)
 };
 
-// Fixed buffer sizes and limits (a limit counts the terminating NUL).
-#define IPTV_OPT_SIZE 8       // one option text, at most 7 characters
-#define IPTV_OPT_WRITE_LIMIT 7 // "%d" of a value to store: at most 6 characters
-#define IPTV_IFNAME_SIZE 12   // member name of a port
-#define IPTV_VLANDEV_SIZE 16  // eth1.<vlanId>
-#define IPTV_VLANDEV_LIMIT 15
-#define IPTV_LANCMD_LIMIT 31  // members joined for the switch tool
-#define IPTV_SWITCHCMD_LIMIT 63
+// Fixed buffers (SIZE, in bytes) and the texts composed into them (LEN, in characters).
+#define IPTV_OPT_SIZE 8        // one option text, at most 7 characters
+#define IPTV_OPT_WRITE_LEN 6   // "%d" of a value to store
+#define IPTV_IFNAME_SIZE 12    // member name of a port, at most 11 characters
+#define IPTV_VLANDEV_SIZE 16   // eth1.<vlanId>
+#define IPTV_VLANDEV_LEN 14
+#define IPTV_LANCMD_LEN 30     // members joined for the switch tool
+#define IPTV_SWITCHCMD_LEN 62
 #define IPTV_CMD_SIZE 128
 #define IPTV_VLANID_BOUND 4095 // accepted VLAN ids (RTIptv): 0 to 4094
 
-// ---- Bounded text helpers: longer text is cut, never written past the buffer. ----
-
-// Zeroes buf (size bytes) and formats into it at most min(limit, size) - 1 characters. Returns the length written.
+// routeutils' formatCut and appendCut in the form the module's unit tests call them: buf has size bytes, and the
+// text keeps within min(limit, size) - 1 characters (a limit counts the terminating NUL). iptvFormat zeroes buf
+// first and returns the length written.
+#define IPTV_OPT_WRITE_LIMIT (IPTV_OPT_WRITE_LEN + 1)
 size_t iptvFormat(char *buf, size_t size, size_t limit, const char *fmt, ...) __attribute__((format(printf, 4, 5)));
-// Appends text to the NUL-terminated buf, keeping the whole text within min(limit, size) - 1 characters.
 void iptvAppend(char *buf, size_t size, size_t limit, const char *text);
 
 // ---- Pure logic of the setting (no files, no bus). ----
@@ -93,8 +93,8 @@ struct IptvPlumbing {
     int ports[3];
     char members[3][IPTV_IFNAME_SIZE];  // their member names
     char vlanDev[IPTV_VLANDEV_SIZE];    // eth1.<vlanId>, the last member of the bridge
-    char lanCmd[IPTV_LANCMD_LIMIT + 1]; // each member followed by one blank
-    char switchCmd[IPTV_SWITCHCMD_LIMIT + 1];
+    char lanCmd[IPTV_LANCMD_LEN + 1];   // each member followed by one blank
+    char switchCmd[IPTV_SWITCHCMD_LEN + 1];
 };
 void iptvComposePlumbing(const IptvInfo &info, IptvPlumbing *out);
 

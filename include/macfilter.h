@@ -10,6 +10,8 @@
 
 #include <libubus.h>
 
+#include "routeutils/text.h"
+
 // Argument policy indexes.
 enum { E_SETMACFILTER_ENABLE, E_SETMACFILTER_MODEL, E_SETMACFILTER_MAX };
 enum { E_ADDMACFILTERLIST_ENABLE, E_ADDMACFILTERLIST_MODEL, E_ADDMACFILTERLIST_MACLIST, E_ADDMACFILTERLIST_MAX };
@@ -40,20 +42,12 @@ struct MacFilterEntry {
     char name[MACFILTER_NAME_LEN + 1];
 };
 
-// Copies at most `limit` characters of src (and never more than the destination holds) and terminates the text.
-// Longer input is cut; a null src gives the empty text.
+// routeutils::copyCut under the name the module's unit tests call: at most `limit` characters of src, never more
+// than the destination holds.
 template <size_t N>
 inline void mfCopy(char (&dst)[N], const char *src, size_t limit = N - 1)
 {
-    static_assert(N > 0);
-    if (limit > N - 1)
-        limit = N - 1;
-    size_t n = 0;
-    if (src)
-        while (n < limit && src[n] != '\0')
-            ++n;
-    memcpy(dst, src ? src : "", n);
-    dst[n] = '\0';
+    routeutils::copyCut(dst, src, limit < N - 1 ? limit : N - 1);
 }
 
 // --- MAC text ---------------------------------------------------------------------------------------------------
@@ -101,7 +95,9 @@ int setMacFilterHandler(int enable, int model);
 
 // --- RTMacFilter ------------------------------------------------------------------------------------------------
 int getMacFilterListHandler(void);
-int addMacFilterListHandler(int model, MacFilterEntry *entry);
+// What adding one device to a list came to (the numbers are those the handler has always given).
+enum class MacListAdd { Added = 0, Duplicate = 1, Failed = -1 };
+MacListAdd addMacFilterListHandler(int model, MacFilterEntry *entry);
 int delMacFilterListHandler(int model, MacFilterEntry *entry);
 // The methods' logic (busmethod.h): each builds its reply in s_bufMacIptv.
 int getMacFilterList(struct blob_attr *msg);

@@ -14,15 +14,18 @@
 // every record array and the most entries one MapList may hold.
 #define NATFORWARD_MAX_MAPS 32
 
-// Failure codes of the add checks, sent as "code" in the reply's "error" table.
-#define NATFORWARD_ERR_PROTOCOL 713465856
-#define NATFORWARD_ERR_EXTERNAL_PORT 713465857
-#define NATFORWARD_ERR_INTERNAL_PORT 713465858
-#define NATFORWARD_ERR_START_PORT 713465859
-#define NATFORWARD_ERR_STOP_PORT 713465860
-#define NATFORWARD_ERR_PORT_RANGE 713465861
-#define NATFORWARD_ERR_PORTMAP_CONFLICT 713465862
-#define NATFORWARD_ERR_GROUPMAP_CONFLICT 713465863
+// What an add check found against a record: nothing, or the failure code the reply's "error" table carries.
+enum NatforwardCheck : int32_t {
+    NATFORWARD_CHECK_OK = 0,
+    NATFORWARD_ERR_PROTOCOL = 713465856,
+    NATFORWARD_ERR_EXTERNAL_PORT = 713465857,
+    NATFORWARD_ERR_INTERNAL_PORT = 713465858,
+    NATFORWARD_ERR_START_PORT = 713465859,
+    NATFORWARD_ERR_STOP_PORT = 713465860,
+    NATFORWARD_ERR_PORT_RANGE = 713465861,
+    NATFORWARD_ERR_PORTMAP_CONFLICT = 713465862,
+    NATFORWARD_ERR_GROUPMAP_CONFLICT = 713465863,
+};
 
 // Protocol numbers of a record.
 #define NATFORWARD_PROTO_TCP 0u
@@ -81,16 +84,6 @@ enum {
     __E_MODGROUPMAPPING_ENTRY_MAX
 };
 
-// Copies src into a fixed buffer, cut to N - 1 characters, the rest zero-filled. A null src gives an empty text.
-template <size_t N> inline void natforwardCopyCut(char (&dst)[N], const char *src)
-{
-    memset(dst, 0, N);
-    if (src == nullptr)
-        return;
-    size_t len = strnlen(src, N - 1);
-    memcpy(dst, src, len);
-}
-
 // ---- Pure rules (no configuration, no bus) ----
 
 // Two protocols overlap when either covers both or they are equal.
@@ -114,13 +107,13 @@ bool natforwardSplitRange(const char *text, NatforwardRangeText *out);
 // The port a range part stands for: its leading decimal digits, 0 without any.
 uint32_t natforwardRangePort(const char *part);
 
-// Checks of one record against the port ranges and against stored mappings; 0 or a NATFORWARD_ERR_* code.
-int natforwardPortMapRangeCheck(const PortMapConfig *rec);
-int natforwardPortMapClash(const PortMapConfig *rec, const PortMapConfig *ports, int nPorts,
-                           const GroupMapConfig *groups, int nGroups);
-int natforwardGroupMapRangeCheck(const GroupMapConfig *rec);
-int natforwardGroupMapClash(const GroupMapConfig *rec, const PortMapConfig *ports, int nPorts,
-                            const GroupMapConfig *groups, int nGroups);
+// Checks of one record against the port ranges and against stored mappings.
+NatforwardCheck natforwardPortMapRangeCheck(const PortMapConfig *rec);
+NatforwardCheck natforwardPortMapClash(const PortMapConfig *rec, const PortMapConfig *ports, int nPorts,
+                                       const GroupMapConfig *groups, int nGroups);
+NatforwardCheck natforwardGroupMapRangeCheck(const GroupMapConfig *rec);
+NatforwardCheck natforwardGroupMapClash(const GroupMapConfig *rec, const PortMapConfig *ports, int nPorts,
+                                        const GroupMapConfig *groups, int nGroups);
 
 // ---- Operations on package firewall ----
 
@@ -130,8 +123,6 @@ uint32_t NATFORWARD_getMaxIdAndCountBySection(struct uci_context *ctx, struct uc
                                               int *count);
 // Deletes one named section of the loaded package firewall; nothing is committed.
 int NATFORWARD_deleteSection(struct uci_context *ctx, struct uci_package *pkg, const char *sectionName);
-// Adds one value to list "proto" of a named section of the loaded package firewall; libuci's result.
-int NATFORWARD_addProtocol(struct uci_context *ctx, const char *sectionName, const char *value);
 // Runs "/etc/init.d/firewall reload" and waits for it.
 void NATFORWARD_firewallReload(void);
 
@@ -154,8 +145,8 @@ int NATFORWARD_delGroupMap(const GroupMapConfig *records, int n);
 // ---- RTPortMap ----
 
 // Full add checks of one record: ranges, then the stored port mappings, then the stored group mappings.
-int NATFORWARD_portMapCheck(const PortMapConfig *rec);
-int NATFORWARD_groupMapCheck(const GroupMapConfig *rec);
+NatforwardCheck NATFORWARD_portMapCheck(const PortMapConfig *rec);
+NatforwardCheck NATFORWARD_groupMapCheck(const GroupMapConfig *rec);
 
 int NATFORWARD_modPortMapping(struct blob_attr *msg);
 int NATFORWARD_getPortMapping(struct blob_attr *msg);

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include "natforward.h"
+#include "routeutils/text.h"
 
 bool natforwardProtocolsOverlap(uint32_t a, uint32_t b)
 {
@@ -28,8 +29,7 @@ uint32_t natforwardProtocolFromList(int nValues, const char *first)
 
 void natforwardFormatRange(uint32_t start, uint32_t stop, char (&text)[16])
 {
-    memset(text, 0, sizeof text);
-    snprintf(text, sizeof text, "%d-%d", static_cast<int>(start), static_cast<int>(stop));
+    routeutils::formatCut(text, sizeof text - 1, "%d-%d", static_cast<int>(start), static_cast<int>(stop));
 }
 
 bool natforwardSplitRange(const char *text, NatforwardRangeText *out)
@@ -64,7 +64,7 @@ static bool portInRange(uint32_t port)
     return port - 1u < 65535u;
 }
 
-int natforwardPortMapRangeCheck(const PortMapConfig *rec)
+NatforwardCheck natforwardPortMapRangeCheck(const PortMapConfig *rec)
 {
     if (rec->Protocol > NATFORWARD_PROTO_BOTH)
         return NATFORWARD_ERR_PROTOCOL;
@@ -72,10 +72,10 @@ int natforwardPortMapRangeCheck(const PortMapConfig *rec)
         return NATFORWARD_ERR_EXTERNAL_PORT;
     if (!portInRange(rec->InternalPort))
         return NATFORWARD_ERR_INTERNAL_PORT;
-    return 0;
+    return NATFORWARD_CHECK_OK;
 }
 
-int natforwardGroupMapRangeCheck(const GroupMapConfig *rec)
+NatforwardCheck natforwardGroupMapRangeCheck(const GroupMapConfig *rec)
 {
     if (rec->Protocol > NATFORWARD_PROTO_BOTH)
         return NATFORWARD_ERR_PROTOCOL;
@@ -85,13 +85,13 @@ int natforwardGroupMapRangeCheck(const GroupMapConfig *rec)
         return NATFORWARD_ERR_STOP_PORT;
     if (rec->StopPort < rec->StartPort)
         return NATFORWARD_ERR_PORT_RANGE;
-    return 0;
+    return NATFORWARD_CHECK_OK;
 }
 
 // The stored mappings whose WAN ports meet [first, last] with an overlapping protocol decide the conflict code;
 // port mappings are looked at before group mappings.
-static int clashWithStored(uint32_t protocol, uint32_t first, uint32_t last, const PortMapConfig *ports, int nPorts,
-                           const GroupMapConfig *groups, int nGroups)
+static NatforwardCheck clashWithStored(uint32_t protocol, uint32_t first, uint32_t last, const PortMapConfig *ports,
+                                       int nPorts, const GroupMapConfig *groups, int nGroups)
 {
     for (int i = 0; i < nPorts; i++) {
         const PortMapConfig &p = ports[i];
@@ -103,17 +103,17 @@ static int clashWithStored(uint32_t protocol, uint32_t first, uint32_t last, con
         if (last >= g.StartPort && g.StopPort >= first && natforwardProtocolsOverlap(g.Protocol, protocol))
             return NATFORWARD_ERR_GROUPMAP_CONFLICT;
     }
-    return 0;
+    return NATFORWARD_CHECK_OK;
 }
 
-int natforwardPortMapClash(const PortMapConfig *rec, const PortMapConfig *ports, int nPorts,
-                           const GroupMapConfig *groups, int nGroups)
+NatforwardCheck natforwardPortMapClash(const PortMapConfig *rec, const PortMapConfig *ports, int nPorts,
+                                       const GroupMapConfig *groups, int nGroups)
 {
     return clashWithStored(rec->Protocol, rec->ExternalPort, rec->ExternalPort, ports, nPorts, groups, nGroups);
 }
 
-int natforwardGroupMapClash(const GroupMapConfig *rec, const PortMapConfig *ports, int nPorts,
-                            const GroupMapConfig *groups, int nGroups)
+NatforwardCheck natforwardGroupMapClash(const GroupMapConfig *rec, const PortMapConfig *ports, int nPorts,
+                                        const GroupMapConfig *groups, int nGroups)
 {
     return clashWithStored(rec->Protocol, rec->StartPort, rec->StopPort, ports, nPorts, groups, nGroups);
 }

@@ -5,12 +5,11 @@
 #include <stdlib.h>
 
 #include <memory>
-#include <string>
-#include <type_traits>
 
 #include "gwconf.h"
 #include "natforward.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/text.h"
 #include "routeutils/uci_session.h"
 #include "uciconfig.h"
 
@@ -116,7 +115,7 @@ uint32_t readProtocol(uci_context *ctx, uci_section *sec, const char *fn, bool t
         if (trace)
             log_error("[%s:%d][%s][%d] value: %s\n", fn, __LINE__, "NatForward", __LINE__, v->name);
         if (nValues == 0)
-            natforwardCopyCut(first, v->name);
+            routeutils::copyCut(first, v->name);
         if (++nValues == 2)
             break; // a second value is all it takes to mean both protocols
     }
@@ -155,7 +154,7 @@ int writeSections(uci_context *ctx, uci_package *pkg, const Rec *records, int n,
         log_info("[%s:%d]sec->e.name [%s] \n", fn, __LINE__, sec->e.name);
 
         const char *proto = natforwardProtocolValue(rec.Protocol);
-        if (proto != nullptr && NATFORWARD_addProtocol(ctx, sec->e.name, proto) != UCI_OK) {
+        if (proto != nullptr && publicUciAddList(ctx, UCI_FIREWALL_FILE, sec->e.name, "proto", proto) != 0) {
             log_error("[%s:%d]error set Protocol(%d)", fn, __LINE__, static_cast<int>(rec.Protocol));
             return -1;
         }
@@ -395,25 +394,7 @@ int NATFORWARD_deleteSection(uci_context *ctx, uci_package *pkg, const char *sec
         log_error("[%s:%d]ctx is null or pkg is null or sectionName or package is null", __func__, __LINE__);
         return -1;
     }
-    // The section's own name is freed with it; keep a copy for the whole call.
-    const std::string name(sectionName);
-    uci_ptr ptr{};
-    ptr.p = pkg;
-    ptr.package = UCI_FIREWALL_FILE;
-    ptr.section = name.c_str();
-    return uci_delete(ctx, &ptr) == UCI_OK ? 0 : -1;
-}
-
-int NATFORWARD_addProtocol(uci_context *ctx, const char *sectionName, const char *value)
-{
-    if (ctx == nullptr || sectionName == nullptr || value == nullptr)
-        return UCI_ERR_INVAL;
-    uci_ptr ptr{};
-    ptr.package = UCI_FIREWALL_FILE;
-    ptr.section = sectionName;
-    ptr.option = "proto";
-    ptr.value = value;
-    return uci_add_list(ctx, &ptr);
+    return publicUciDelSection(ctx, pkg, UCI_FIREWALL_FILE, sectionName);
 }
 
 void NATFORWARD_firewallReload(void)

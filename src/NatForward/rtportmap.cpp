@@ -12,6 +12,7 @@ extern "C" {
 #include "gwconf.h"
 #include "natforward.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/text.h"
 
 namespace {
 
@@ -71,9 +72,9 @@ void parseEntry(blob_attr *entry, PortMapConfig *rec, const char *fn)
         blobmsg_parse(s_portMapEntryPolicy, __E_MODPORTMAPPING_ENTRY_MAX, tb, blobmsg_data(entry),
                       static_cast<unsigned>(blobmsg_data_len(entry)));
     if (tb[E_MODPORTMAPPING_NAME] != nullptr)
-        natforwardCopyCut(rec->Name, blobmsg_get_string(tb[E_MODPORTMAPPING_NAME]));
+        routeutils::copyCut(rec->Name, blobmsg_get_string(tb[E_MODPORTMAPPING_NAME]));
     if (tb[E_MODPORTMAPPING_INTERNALIP] != nullptr)
-        natforwardCopyCut(rec->InternalIP, blobmsg_get_string(tb[E_MODPORTMAPPING_INTERNALIP]));
+        routeutils::copyCut(rec->InternalIP, blobmsg_get_string(tb[E_MODPORTMAPPING_INTERNALIP]));
     rec->Protocol = entryU32(tb[E_MODPORTMAPPING_PROTOCOL]);
     rec->InternalPort = entryU32(tb[E_MODPORTMAPPING_INTERNALPORT]);
     rec->ExternalPort = entryU32(tb[E_MODPORTMAPPING_EXTERNALPORT]);
@@ -92,9 +93,9 @@ void parseEntry(blob_attr *entry, GroupMapConfig *rec, const char *fn)
         blobmsg_parse(s_groupMapEntryPolicy, __E_MODGROUPMAPPING_ENTRY_MAX, tb, blobmsg_data(entry),
                       static_cast<unsigned>(blobmsg_data_len(entry)));
     if (tb[E_MODGROUPMAPPING_NAME] != nullptr)
-        natforwardCopyCut(rec->Name, blobmsg_get_string(tb[E_MODGROUPMAPPING_NAME]));
+        routeutils::copyCut(rec->Name, blobmsg_get_string(tb[E_MODGROUPMAPPING_NAME]));
     if (tb[E_MODGROUPMAPPING_INTERNALIP] != nullptr)
-        natforwardCopyCut(rec->InternalIP, blobmsg_get_string(tb[E_MODGROUPMAPPING_INTERNALIP]));
+        routeutils::copyCut(rec->InternalIP, blobmsg_get_string(tb[E_MODGROUPMAPPING_INTERNALIP]));
     rec->Protocol = entryU32(tb[E_MODGROUPMAPPING_PROTOCOL]);
     rec->StartPort = entryU32(tb[E_MODGROUPMAPPING_STARTPORT]);
     rec->StopPort = entryU32(tb[E_MODGROUPMAPPING_STOPPORT]);
@@ -114,7 +115,7 @@ template <> struct MethodKind<PortMapConfig> {
     static constexpr int nPolicy = __E_MODPORTMAPPING_MAX;
     static constexpr int mapList = E_MODPORTMAPPING_MAPLIST;
     static constexpr int operation = E_MODPORTMAPPING_OPERATION;
-    static int check(const PortMapConfig *r) { return NATFORWARD_portMapCheck(r); }
+    static NatforwardCheck check(const PortMapConfig *r) { return NATFORWARD_portMapCheck(r); }
     static int add(PortMapConfig *r, int n) { return NATFORWARD_addPortMap(r, n); }
     static int del(const PortMapConfig *r, int n) { return NATFORWARD_delPortMap(r, n); }
     static void collect(PortMapConfig *r, int *n) { NATFORWARD_getPortMapConfigList(r, n); }
@@ -135,7 +136,7 @@ template <> struct MethodKind<GroupMapConfig> {
     static constexpr int nPolicy = __E_MODGROUPMAPPING_MAX;
     static constexpr int mapList = E_MODGROUPMAPPING_MAPLIST;
     static constexpr int operation = E_MODGROUPMAPPING_OPERATION;
-    static int check(const GroupMapConfig *r) { return NATFORWARD_groupMapCheck(r); }
+    static NatforwardCheck check(const GroupMapConfig *r) { return NATFORWARD_groupMapCheck(r); }
     static int add(GroupMapConfig *r, int n) { return NATFORWARD_addGroupMap(r, n); }
     static int del(const GroupMapConfig *r, int n) { return NATFORWARD_delGroupMap(r, n); }
     static void collect(GroupMapConfig *r, int *n) { NATFORWARD_getGroupMapConfigList(r, n); }
@@ -150,14 +151,13 @@ template <> struct MethodKind<GroupMapConfig> {
     }
 };
 
-// The reply: "result", with "error" { "code" } when the result is a check code; result 0 is success, -1 a failure
-// without a code.
-void addResult(int result)
+// The reply: "result", with "error" { "code" } when a check refused an entry.
+void addResult(bool done, NatforwardCheck refused)
 {
-    blobmsg_add_u8(&s_bufPortMap, "result", result == 0 ? 1 : 0);
-    if (result != 0 && result != -1) {
+    blobmsg_add_u8(&s_bufPortMap, "result", done ? 1 : 0);
+    if (refused != NATFORWARD_CHECK_OK) {
         void *error = blobmsg_open_table(&s_bufPortMap, "error");
-        blobmsg_add_u32(&s_bufPortMap, "code", static_cast<uint32_t>(result));
+        blobmsg_add_u32(&s_bufPortMap, "code", static_cast<uint32_t>(refused));
         blobmsg_close_table(&s_bufPortMap, error);
     }
 }
@@ -171,26 +171,28 @@ template <class Rec> int modMappings(blob_attr *msg, const char *fn)
     if (msg != nullptr)
         blobmsg_parse(Kind::policy, Kind::nPolicy, tb, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
 
-    int result = 0;
+    bool failed = false;                            // no operation, too many entries, or the write failed
+    NatforwardCheck refused = NATFORWARD_CHECK_OK;  // a check refused an entry: nothing is written
+    auto ret = [&failed] { return failed ? -1 : 0; };
     int operation = 0;
     if (tb[Kind::operation] == nullptr) {
         log_error("[%s:%d]\n operation is invaild \n", fn, __LINE__);
-        result = -1;
+        failed = true;
     } else {
         operation = static_cast<int>(blobmsg_get_u32(tb[Kind::operation]));
     }
     if constexpr (Kind::group)
-        log_info("[%s:%d] operation [%d]  ret[%d] ", fn, __LINE__, operation, result);
+        log_info("[%s:%d] operation [%d]  ret[%d] ", fn, __LINE__, operation, ret());
     else
-        log_info("[%s:%d]\n  operation [%d]  ret[%d] \n", fn, __LINE__, operation, result);
+        log_info("[%s:%d]\n  operation [%d]  ret[%d] \n", fn, __LINE__, operation, ret());
 
-    if (result == 0) {
+    if (!failed) {
         if constexpr (Kind::group)
-            log_info("[%s:%d] ret[%d] ", fn, __LINE__, result);
+            log_info("[%s:%d] ret[%d] ", fn, __LINE__, ret());
         else
-            log_info("[%s:%d]\n ret[%d] \n", fn, __LINE__, result);
+            log_info("[%s:%d]\n ret[%d] \n", fn, __LINE__, ret());
     }
-    if (result == 0 && tb[Kind::mapList] != nullptr) {
+    if (!failed && tb[Kind::mapList] != nullptr) {
         Rec records[NATFORWARD_MAX_MAPS] = {};
         int counted = 0;
         blob_attr *entry;
@@ -198,20 +200,19 @@ template <class Rec> int modMappings(blob_attr *msg, const char *fn)
         blobmsg_for_each_attr(entry, tb[Kind::mapList], rem) {
             if (counted == NATFORWARD_MAX_MAPS) {
                 log_error("[%s:%d]\n MapList holds more than %d entries \n", fn, __LINE__, NATFORWARD_MAX_MAPS);
-                result = -1;
+                failed = true;
                 break;
             }
             parseEntry(entry, &records[counted], fn);
             if (operation == 1) {
-                const int code = Kind::check(&records[counted]);
+                refused = Kind::check(&records[counted]);
+                const int code = refused;
                 if constexpr (Kind::group)
                     log_info("[%s:%d]\n NATFORWARD_groupMapCheck [%d] \n", fn, __LINE__, code);
                 else
                     log_info("[%s:%d]\n NATFORWARD_portMapCheck [%d] \n", fn, __LINE__, code);
-                if (code != 0) {
-                    result = code;
+                if (refused != NATFORWARD_CHECK_OK)
                     break;
-                }
             }
             counted++;
         }
@@ -220,17 +221,19 @@ template <class Rec> int modMappings(blob_attr *msg, const char *fn)
         else
             log_error("[%s:%d]\n i[%d] \n", fn, __LINE__, counted);
 
-        if (result == 0 && operation == 0)
-            result = Kind::del(records, counted);
-        else if (result == 0 && operation == 1)
-            result = Kind::add(records, counted);
+        if (!failed && refused == NATFORWARD_CHECK_OK) {
+            if (operation == 0)
+                failed = Kind::del(records, counted) != 0;
+            else if (operation == 1)
+                failed = Kind::add(records, counted) != 0;
+        }
     }
 
     if constexpr (Kind::group)
         log_info("[%s:%d]\n modGroupMapping  end \n", fn, __LINE__);
     else
         log_info("[%s:%d]\n modPortMapping  end \n", fn, __LINE__);
-    addResult(result);
+    addResult(!failed && refused == NATFORWARD_CHECK_OK, refused);
     return UBUS_STATUS_OK;
 }
 
@@ -273,16 +276,16 @@ struct ubus_object rtPortMapObject = {
     .n_methods = ARRAY_SIZE(s_rtPortMapMethods),
 };
 
-int NATFORWARD_portMapCheck(const PortMapConfig *rec)
+NatforwardCheck NATFORWARD_portMapCheck(const PortMapConfig *rec)
 {
-    int code = natforwardPortMapRangeCheck(rec);
-    if (code != 0)
+    NatforwardCheck code = natforwardPortMapRangeCheck(rec);
+    if (code != NATFORWARD_CHECK_OK)
         return code;
     PortMapConfig ports[NATFORWARD_MAX_MAPS] = {};
     int nPorts = 0;
     NATFORWARD_getPortMapConfigList(ports, &nPorts);
     code = natforwardPortMapClash(rec, ports, nPorts, nullptr, 0);
-    if (code != 0)
+    if (code != NATFORWARD_CHECK_OK)
         return code;
     GroupMapConfig groups[NATFORWARD_MAX_MAPS] = {};
     int nGroups = 0;
@@ -290,16 +293,16 @@ int NATFORWARD_portMapCheck(const PortMapConfig *rec)
     return natforwardPortMapClash(rec, nullptr, 0, groups, nGroups);
 }
 
-int NATFORWARD_groupMapCheck(const GroupMapConfig *rec)
+NatforwardCheck NATFORWARD_groupMapCheck(const GroupMapConfig *rec)
 {
-    int code = natforwardGroupMapRangeCheck(rec);
-    if (code != 0)
+    NatforwardCheck code = natforwardGroupMapRangeCheck(rec);
+    if (code != NATFORWARD_CHECK_OK)
         return code;
     PortMapConfig ports[NATFORWARD_MAX_MAPS] = {};
     int nPorts = 0;
     NATFORWARD_getPortMapConfigList(ports, &nPorts);
     code = natforwardGroupMapClash(rec, ports, nPorts, nullptr, 0);
-    if (code != 0)
+    if (code != NATFORWARD_CHECK_OK)
         return code;
     GroupMapConfig groups[NATFORWARD_MAX_MAPS] = {};
     int nGroups = 0;

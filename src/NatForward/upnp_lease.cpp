@@ -2,7 +2,7 @@
 // Every line read gives one entry, however short or odd it is; fixed fields are cut to their sizes.
 #include <string.h>
 
-#include "routeutils/owners.h"
+#include "routeutils/text.h"
 #include "upnp.h"
 
 using routeutils::copyCut;
@@ -74,11 +74,11 @@ void upnpParseLeaseLine(const char *line, UpnpLeaseEntry *out)
     if (p != nullptr)
         fields[5] = p;
 
-    copyCut(out->protocol, fields[0], sizeof out->protocol - 1);
+    copyCut(out->protocol, fields[0]);
     out->externalPort = portField(fields[1]);
-    copyCut(out->internalIP, fields[2], sizeof out->internalIP - 1);
+    copyCut(out->internalIP, fields[2]);
     out->internalPort = portField(fields[3]);
-    copyCut(out->description, fields[5], sizeof out->description - 1);
+    copyCut(out->description, fields[5]);
 }
 
 int upnpReadLeases(FILE *f, void (*visit)(const UpnpLeaseEntry *entry, void *arg), void *arg)

@@ -5,6 +5,7 @@
 #include "iptv.h"
 #include "iptv_store.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/text.h"
 #include "uciconfig.h"
 
 extern "C" {
@@ -129,7 +130,7 @@ static int setIptvVlan(struct blob_attr *msg)
                 }
             }
             char radio[IPTV_OPT_SIZE];
-            iptvFormat(radio, sizeof radio, sizeof radio, "%s", blobmsg_get_string(entry[E_IPTV_STATUS_RADIO]));
+            routeutils::copyCut(radio, blobmsg_get_string(entry[E_IPTV_STATUS_RADIO]));
             int32_t index = (int32_t)blobmsg_get_u32(entry[E_IPTV_STATUS_INDEX]);
             log_info("[%s:%d]radio: %s, index: %d", __func__, __LINE__, radio, index);
             iptvApplyRadio(&requested, radio, index);

@@ -1,45 +1,38 @@
-// Pure logic of the IPTV setting: bounded texts, option reading rules, member names and the composition of the
-// bridge. Nothing here touches a file, the bus or a command.
+// Pure logic of the IPTV setting: option reading rules, member names and the composition of the bridge. Nothing
+// here touches a file, the bus or a command.
 #include "iptv.h"
+
+#include "routeutils/text.h"
 
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
-static size_t effectiveLimit(size_t size, size_t limit)
-{
-    return limit < size ? limit : size;
-}
+using routeutils::appendCut;
+using routeutils::copyCut;
+using routeutils::formatCut;
 
 size_t iptvFormat(char *buf, size_t size, size_t limit, const char *fmt, ...)
 {
     if (buf == nullptr || size == 0)
         return 0;
     memset(buf, 0, size);
-    size_t room = effectiveLimit(size, limit);
+    const size_t room = limit < size ? limit : size;
     if (room == 0 || fmt == nullptr)
         return 0;
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(buf, room, fmt, ap);
+    const size_t n = routeutils::vformatCut(buf, room - 1, fmt, ap);
     va_end(ap);
-    return strlen(buf);
+    return n;
 }
 
 void iptvAppend(char *buf, size_t size, size_t limit, const char *text)
 {
-    if (buf == nullptr || size == 0 || text == nullptr)
-        return;
-    size_t room = effectiveLimit(size, limit);
-    if (room == 0)
-        return;
-    size_t used = strnlen(buf, size);
-    if (used + 1 >= room) // already full (or longer than this limit allows)
-        return;
-    size_t take = strnlen(text, room - 1 - used);
-    memcpy(buf + used, text, take);
-    buf[used + take] = '\0';
+    const size_t room = limit < size ? limit : size;
+    if (buf != nullptr && room > 0)
+        routeutils::appendCut(buf, text, room - 1);
 }
 
 int iptvFlagFromText(const char *text)
@@ -115,16 +108,16 @@ bool iptvRemoveArmsReload(const IptvInfo &oldInfo, int32_t newEnabled)
 void getLanIfname(int port, int type, int vlanId, char out[IPTV_IFNAME_SIZE])
 {
     if (type == 1)
-        iptvFormat(out, IPTV_IFNAME_SIZE, IPTV_IFNAME_SIZE, "lan%d.%d", port, vlanId);
+        formatCut(out, IPTV_IFNAME_SIZE - 1, "lan%d.%d", port, vlanId);
     else
-        iptvFormat(out, IPTV_IFNAME_SIZE, IPTV_IFNAME_SIZE, "lan%d", port);
+        formatCut(out, IPTV_IFNAME_SIZE - 1, "lan%d", port);
 }
 
 void iptvComposePlumbing(const IptvInfo &info, IptvPlumbing *out)
 {
     memset(out, 0, sizeof *out);
     out->portMask = iptvPortMask(info);
-    iptvFormat(out->vlanDev, sizeof out->vlanDev, IPTV_VLANDEV_LIMIT, "eth1.%d", info.vlanId);
+    formatCut(out->vlanDev, IPTV_VLANDEV_LEN, "eth1.%d", info.vlanId);
     const int32_t flags[3] = {info.vlan1, info.vlan2, info.vlan3};
     for (int port = 1; port <= 3; ++port) {
         if (flags[port - 1] != 1)
@@ -132,14 +125,13 @@ void iptvComposePlumbing(const IptvInfo &info, IptvPlumbing *out)
         int i = out->count++;
         out->ports[i] = port;
         getLanIfname(port, info.type, info.vlanId, out->members[i]);
-        iptvAppend(out->lanCmd, sizeof out->lanCmd, IPTV_LANCMD_LIMIT, out->members[i]);
-        iptvAppend(out->lanCmd, sizeof out->lanCmd, IPTV_LANCMD_LIMIT, " ");
+        appendCut(out->lanCmd, out->members[i], IPTV_LANCMD_LEN);
+        appendCut(out->lanCmd, " ", IPTV_LANCMD_LEN);
     }
     if (out->portMask == 7)
-        iptvFormat(out->switchCmd, sizeof out->switchCmd, IPTV_SWITCHCMD_LIMIT, "/usr/bin/iptvswitch");
+        copyCut(out->switchCmd, "/usr/bin/iptvswitch", IPTV_SWITCHCMD_LEN);
     else
-        iptvFormat(out->switchCmd, sizeof out->switchCmd, IPTV_SWITCHCMD_LIMIT, "/usr/bin/iptvswitch %s ",
-                   out->lanCmd);
+        formatCut(out->switchCmd, IPTV_SWITCHCMD_LEN, "/usr/bin/iptvswitch %s ", out->lanCmd);
 }
 
 void iptvApplyRadio(IptvInfo *info, const char *radio, int32_t index)

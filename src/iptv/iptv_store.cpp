@@ -3,6 +3,7 @@
 
 #include "gwconf.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/text.h"
 #include "uciconfig.h"
 
 #include <cstring>
@@ -16,7 +17,7 @@ bool iptvReadOption(const char *option, char text[IPTV_OPT_SIZE])
 int iptvWriteOption(const char *option, int32_t value)
 {
     char text[IPTV_OPT_SIZE];
-    iptvFormat(text, sizeof text, IPTV_OPT_WRITE_LIMIT, "%d", value);
+    routeutils::formatCut(text, IPTV_OPT_WRITE_LEN, "%d", value);
     return uciSetConfig(UCI_IPTV_FILE, "main", option, text);
 }
 

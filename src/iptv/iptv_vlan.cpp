@@ -5,6 +5,7 @@
 #include "iptv_store.h"
 #include "uciconfig.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/text.h"
 #include "routeutils/uci_session.h"
 
 extern "C" {
@@ -182,7 +183,7 @@ int delIptvVlan(IptvInfo oldInfo, int newEnabled, int newVlanId)
 
     if (iptvRemoveDropsVlanDevice(oldInfo, newEnabled, newVlanId)) {
         char cmd[IPTV_CMD_SIZE];
-        iptvFormat(cmd, sizeof cmd, sizeof cmd, "ip link delete dev eth1.%d", oldInfo.vlanId);
+        routeutils::formatCut(cmd, sizeof cmd - 1, "ip link delete dev eth1.%d", oldInfo.vlanId);
         log_info("[%s:%d]cmd [%s] ", __func__, __LINE__, cmd);
     }
     log_info("[%s:%d]setInfo.vlanId [%d]  oldInfo.vlanId [%d] ", __func__, __LINE__, newVlanId, oldInfo.vlanId);

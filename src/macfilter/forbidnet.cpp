@@ -9,6 +9,8 @@
 #include "routeutils/routeutils.h"
 #include "uciconfig.h"
 
+using routeutils::copyCut;
+
 namespace {
 
 const struct blobmsg_policy forbidNetPolicy[E_FORBIDNET_MAX] = {
@@ -44,11 +46,11 @@ int setForbiddNetHandler(int enable, const char *mac)
     if (enable == 1) {
         static const char options[5][16] = {"src", "proto", "src_mac", "dest", "target"};
         char values[5][64] = {};
-        mfCopy(values[0], "lan");
-        mfCopy(values[1], "all");
-        mfCopy(values[2], mac);
-        mfCopy(values[3], "wan");
-        mfCopy(values[4], "DROP");
+        copyCut(values[0], "lan");
+        copyCut(values[1], "all");
+        copyCut(values[2], mac);
+        copyCut(values[3], "wan");
+        copyCut(values[4], "DROP");
         if (uciAddNewSection(UCI_FIREWALL_FILE, "rule", options, values, 5) != 0) {
             log_error("[%s:%d]uciAddNewSection UCI_FIREWALL_FILE rule ERROR", __func__, __LINE__);
             return -1;
@@ -83,7 +85,7 @@ int setForbiddNet(struct blob_attr *msg)
         return -1;
     }
     char mac[MAC_COLON_LEN + 1] = {};
-    mfCopy(mac, blobmsg_get_string(tb[E_FORBIDNET_MAC]));
+    copyCut(mac, blobmsg_get_string(tb[E_FORBIDNET_MAC]));
     log_info("[%s:%d]setForbiddNet mac:%s", __func__, __LINE__, mac);
 
     int ret = setForbiddNetHandler(enable, mac);

@@ -13,6 +13,8 @@
 #include "routeutils/uci_session.h"
 #include "uciconfig.h"
 
+using routeutils::copyCut;
+
 namespace {
 
 struct ListOfModel {
@@ -58,12 +60,12 @@ int addMacFilterRuleSection(const char *name, const char *mac, const char *targe
 {
     static const char options[6][16] = {"name", "src", "proto", "src_mac", "dest", "target"};
     char values[6][64] = {};
-    mfCopy(values[0], name);
-    mfCopy(values[1], "lan");
-    mfCopy(values[2], "all");
-    mfCopy(values[3], mac);
-    mfCopy(values[4], "wan");
-    mfCopy(values[5], target);
+    copyCut(values[0], name);
+    copyCut(values[1], "lan");
+    copyCut(values[2], "all");
+    copyCut(values[3], mac);
+    copyCut(values[4], "wan");
+    copyCut(values[5], target);
     return uciAddNewSection(UCI_FIREWALL_FILE, "rule", options, values, 6);
 }
 
@@ -198,9 +200,9 @@ int deleteFirewallRuleByMacAndName(const char *mac, const char *name)
         }
         log_info("[%s:%d]mac1:%s, mac2:%s-----name1:%s, name2:%s", __func__, __LINE__, mac, sMac, name, sName);
         if (strcmp(mac, sMac) == 0 && strcmp(name, sName) == 0) {
-            mfCopy(secName, e->name);
-            mfCopy(secMac, sMac);
-            mfCopy(secRuleName, sName);
+            copyCut(secName, e->name);
+            copyCut(secMac, sMac);
+            copyCut(secRuleName, sName);
             found = true;
             break;
         }

@@ -1,11 +1,12 @@
 // MAC address texts and the parsing of stored and agent lists. Everything here works in caller-owned buffers.
 #include "macfilter.h"
 
-#include <stdio.h>
 #include <string.h>
 
 #include "routeutils/routeutils.h"
 #include "uciconfig.h"
+
+using routeutils::copyCut;
 
 namespace {
 
@@ -102,11 +103,11 @@ int macListSplit(char *text, const char *delims, char *pieces[], int max)
 void macEntrySplit(const char *piece, size_t macLen, MacFilterEntry *entry)
 {
     char token[MACFILTER_ENTRY_LEN + 1] = {};
-    mfCopy(token, piece);
+    copyCut(token, piece);
     *entry = MacFilterEntry{};
-    mfCopy(entry->mac, token, macLen);
+    copyCut(entry->mac, token, macLen < MAC_COLON_LEN ? macLen : MAC_COLON_LEN);
     if (strlen(token) > macLen + 1)
-        mfCopy(entry->name, token + macLen + 1);
+        copyCut(entry->name, token + macLen + 1);
 }
 
 bool macEntryUsable(MacFilterEntry *entry)
@@ -116,7 +117,7 @@ bool macEntryUsable(MacFilterEntry *entry)
 
 void macEntryLine(char (&line)[MACFILTER_ENTRY_LEN + 1], const MacFilterEntry &entry)
 {
-    snprintf(line, sizeof line, "%.17s/%.44s", entry.mac, entry.name);
+    routeutils::formatCut(line, MACFILTER_ENTRY_LEN, "%.17s/%.44s", entry.mac, entry.name);
 }
 
 int macFilterListRead(const char *func, const char *path, MacFilterEntry list[MACFILTER_MAX_ENTRIES])
@@ -131,7 +132,7 @@ int macFilterListRead(const char *func, const char *path, MacFilterEntry list[MA
     int count = macListSplit(all, " ", pieces, MACFILTER_MAX_ENTRIES);
     for (int i = 0; i < count; ++i) {
         char token[MACFILTER_ENTRY_LEN + 1] = {};
-        mfCopy(token, pieces[i]);
+        copyCut(token, pieces[i]);
         log_info("[%s:%d]ListPart:%s", func, __LINE__, token);
         macEntrySplit(token, MAC_COLON_LEN, &list[i]);
         log_info("[%s:%d]MFList.mac:%s, MFList.name:%s", func, __LINE__, list[i].mac, list[i].name);

@@ -9,6 +9,8 @@
 #include "routeutils/routeutils.h"
 #include "uciconfig.h"
 
+using routeutils::copyCut;
+
 namespace {
 
 const struct blobmsg_policy setMacFilterPolicy[E_SETMACFILTER_MAX] = {
@@ -173,18 +175,18 @@ int setMacFilter(struct blob_attr *msg)
     return UBUS_STATUS_OK;
 }
 
-int addMacFilterListHandler(int model, MacFilterEntry *entry)
+MacListAdd addMacFilterListHandler(int model, MacFilterEntry *entry)
 {
     char curmode[MACFILTER_OPTION_LEN + 1] = {};
     if (uciGetConfig(UCI_MACFILTER_FILE, "main", "curmode", curmode, MACFILTER_OPTION_LEN) != 0) {
         log_error("[%s:%d]uciGetConfig macFilter main model ERROR", __func__, __LINE__);
-        return -1;
+        return MacListAdd::Failed;
     }
     int curModel = macFilterModelOf(curmode);
     if ((curModel == MACFILTER_MODEL_BLACK && model == MACFILTER_MODEL_WHITE) ||
         (curModel == MACFILTER_MODEL_WHITE && model == MACFILTER_MODEL_BLACK)) {
         log_error("[%s:%d]the setmodel is not same as curmodel", __func__, __LINE__);
-        return -1;
+        return MacListAdd::Failed;
     }
 
     // Look for the same device and for room. Every token counts towards the 32, usable or not.
@@ -220,12 +222,12 @@ int addMacFilterListHandler(int model, MacFilterEntry *entry)
                     log_info("[%s:%d]allow.mac:%s, allow.name:%s", __func__, __LINE__, stored.mac, stored.name);
                 if (strncmp(stored.mac, entry->mac, MAC_COLON_LEN) == 0) {
                     log_error("[%s:%d]this macList is exist", __func__, __LINE__);
-                    return 1;
+                    return MacListAdd::Duplicate;
                 }
             }
             if (i + 1 == MACFILTER_MAX_ENTRIES) {
                 log_error("[%s:%d]blackList Has been reached max num", __func__, __LINE__);
-                return -1;
+                return MacListAdd::Failed;
             }
         }
     }
@@ -240,11 +242,11 @@ int addMacFilterListHandler(int model, MacFilterEntry *entry)
     if (black) {
         if (uciAddList(UCI_MACFILTER_FILE, "blacklist", "deny", line) != 0) {
             log_error("[%s:%d]uciAddList UCI_MACFILTER_FILE blackList deny ERROR", __func__, __LINE__);
-            return -1;
+            return MacListAdd::Failed;
         }
     } else if (uciAddList(UCI_MACFILTER_FILE, "whitelist", "allow", line) != 0) {
         log_error("[%s:%d]uciAddList UCI_MACFILTER_FILE whiteList allow ERROR", __func__, __LINE__);
-        return -1;
+        return MacListAdd::Failed;
     }
 
     log_info("[%s:%d]ready to set firewall rule", __func__, __LINE__);
@@ -252,7 +254,7 @@ int addMacFilterListHandler(int model, MacFilterEntry *entry)
         // The catch-all and the default kernel rules move behind the new device's rules.
         if (deleteFirewallRuleByMacAndName("", "denyall") != 0) {
             log_error("[%s:%d]deleteFirewallRuleByMacAndName * denyall ERROR", __func__, __LINE__);
-            return -1;
+            return MacListAdd::Failed;
         }
         delWhitelistDefaultRules();
     }
@@ -261,17 +263,17 @@ int addMacFilterListHandler(int model, MacFilterEntry *entry)
     log_info("[%s:%d]add newsection of firewall rule", __func__, __LINE__);
     if (addMacFilterRuleSection(entry->name, entry->mac, black ? "DROP" : "ACCEPT") != 0) {
         log_error("[%s:%d]uciAddNewSection UCI_FIREWALL_FILE rule ERROR", __func__, __LINE__);
-        return -1;
+        return MacListAdd::Failed;
     }
     if (!black) {
         if (addDenyAllRuleSection() != 0) {
             log_error("[%s:%d]uciAddNewSection UCI_FIREWALL_FILE rule ERROR", __func__, __LINE__);
-            return -1;
+            return MacListAdd::Failed;
         }
         addWhitelistDefaultRules();
     }
     LC_SystemCall("/etc/init.d/firewall reload");
-    return 0;
+    return MacListAdd::Added;
 }
 
 int delMacFilterListHandler(int model, MacFilterEntry *entry)
@@ -338,7 +340,7 @@ static int macListArgsCheck(const char *method, const char *idx, struct blob_att
     struct blob_attr *ptb[E_MACFILTERLIST_MAX];
     macParseTable(macFilterListPolicy, E_MACFILTERLIST_MAX, ptb, tb[2]);
     if (ptb[E_MACFILTERLIST_NAME]) {
-        mfCopy(entry->name, blobmsg_get_string(ptb[E_MACFILTERLIST_NAME]));
+        copyCut(entry->name, blobmsg_get_string(ptb[E_MACFILTERLIST_NAME]));
         log_info("[%s:%d]%s name:%s", method, __LINE__, method, entry->name);
     } else {
         log_error("[%s:%d]%s ptb[E_MACFILTERLIST_NAME] is NULL", method, __LINE__, method);
@@ -349,7 +351,7 @@ static int macListArgsCheck(const char *method, const char *idx, struct blob_att
         return -1;
     }
     // The MAC is cut to 17 characters before any test: a longer text is judged by its first 17.
-    mfCopy(entry->mac, blobmsg_get_string(ptb[E_MACFILTERLIST_MAC]));
+    copyCut(entry->mac, blobmsg_get_string(ptb[E_MACFILTERLIST_MAC]));
     log_info("[%s:%d]%s mac:%s", method, __LINE__, method, entry->mac);
     if (macValidCheck(entry->mac, static_cast<int>(strlen(entry->mac))) != 0) {
         log_error("[%s:%d]%s mac is unValid", method, __LINE__, method);
@@ -370,16 +372,16 @@ int addMacFilterList(struct blob_attr *msg)
 
     static_assert(E_ADDMACFILTERLIST_ENABLE == 0 && E_ADDMACFILTERLIST_MODEL == 1 && E_ADDMACFILTERLIST_MACLIST == 2);
     int model = 0;
-    int outcome = macListArgsCheck(__func__, "E_ADDMACFILTERLIST", tb, &model, &entry);
-    if (outcome == 0)
+    MacListAdd outcome = MacListAdd::Failed;
+    if (macListArgsCheck(__func__, "E_ADDMACFILTERLIST", tb, &model, &entry) == 0)
         outcome = addMacFilterListHandler(model, &entry);
 
-    if (outcome == 1) {
+    if (outcome == MacListAdd::Duplicate) {
         void *error = blobmsg_open_table(&s_bufMacIptv, "error");
         blobmsg_add_u32(&s_bufMacIptv, "code", MACFILTER_DUPLICATE_CODE);
         blobmsg_close_table(&s_bufMacIptv, error);
     }
-    macAddBool(&s_bufMacIptv, "result", outcome == 0);
+    macAddBool(&s_bufMacIptv, "result", outcome == MacListAdd::Added);
     return UBUS_STATUS_OK;
 }
 

@@ -1,7 +1,6 @@
 // The operator agent's object zelmad.macfilter, and the calls to RTSta, the station daemon that keeps the names of
 // client devices. The agent sees the list in force as one text of bare MACs and names ("AABBCCDDEEFF/phone,...")
 // and a policy number (0 black list, 1 white list); a set replaces the whole list.
-#include <stdio.h>
 #include <string.h>
 
 #include "gwconf.h"
@@ -10,6 +9,8 @@
 #include "routeutils/routeutils.h"
 #include "routeutils/system.h"
 #include "uciconfig.h"
+
+using routeutils::copyCut;
 
 char s_staListDevName[STA_NAME_LEN + 1];
 
@@ -61,16 +62,13 @@ struct StaRequest {
     StaRequest &operator=(const StaRequest &) = delete;
 };
 
-// Appends one agent entry (bare MAC '/' name) to the entries text, with a ',' before every entry but the first.
+// Appends one agent entry (bare MAC '/' name) to the entries text, with a ',' before every entry but the first. An
+// entry keeps at most 63 characters, its ',' included, and the whole text at most 2047.
 void appendAgentEntry(char (&text)[MACFILTER_LIST_LEN + 1], const char *bareMac, const char *name)
 {
-    char piece[MACFILTER_ENTRY_LEN + 1] = {};
-    if (text[0] == '\0')
-        snprintf(piece, sizeof piece, "%s/%s", bareMac, name);
-    else
-        snprintf(piece, sizeof piece, ",%s/%s", bareMac, name);
-    size_t room = sizeof text - 1 - strlen(text);
-    strncat(text, piece, room);
+    char piece[MACFILTER_ENTRY_LEN + 1];
+    routeutils::formatCut(piece, MACFILTER_ENTRY_LEN, "%s%s/%s", text[0] == '\0' ? "" : ",", bareMac, name);
+    routeutils::appendCut(text, piece, MACFILTER_LIST_LEN);
 }
 
 } // namespace
@@ -96,7 +94,7 @@ void ubusGetStaNameFromStaListHandler(struct ubus_request *, int, struct blob_at
         log_error("[%s:%d]blobmsg_parse E_GETSTALIST_DEVNAME error", __func__, __LINE__);
         return;
     }
-    mfCopy(s_staListDevName, blobmsg_get_string(ptb[E_GETSTALIST_DEVNAME]));
+    copyCut(s_staListDevName, blobmsg_get_string(ptb[E_GETSTALIST_DEVNAME]));
     log_info("[%s:%d]---------------get s_staListDevName:%s", __func__, __LINE__, s_staListDevName);
 }
 
@@ -269,7 +267,7 @@ int zelmad_handle_set_macfilter(struct blob_attr *msg)
         log_error("[%s:%d]tb[E_ZELMAD_FILTER_ENTRIES] is NULL", __func__, __LINE__);
         status = UBUS_STATUS_INVALID_ARGUMENT;
     } else {
-        mfCopy(text, blobmsg_get_string(tb[E_ZELMAD_FILTER_ENTRIES]));
+        copyCut(text, blobmsg_get_string(tb[E_ZELMAD_FILTER_ENTRIES]));
         log_info("[%s:%d]zelmad_handle_set_macfilter policy:%s", __func__, __LINE__, text);
     }
 
@@ -283,7 +281,7 @@ int zelmad_handle_set_macfilter(struct blob_attr *msg)
         int count = macListSplit(text, ",", pieces, MACFILTER_MAX_ENTRIES);
         for (int i = 0; i < count; ++i) {
             char token[MACFILTER_ENTRY_LEN + 1] = {};
-            mfCopy(token, pieces[i]);
+            copyCut(token, pieces[i]);
             log_info("[%s:%d]ListPart:%s", __func__, __LINE__, token);
             macEntrySplit(token, MAC_BARE_LEN, &entries[i]);
             log_info("[%s:%d]MFList.mac:%s, MFList.name:%s", __func__, __LINE__, entries[i].mac, entries[i].name);

@@ -2,6 +2,7 @@
 // the eight objects and serves them until SIGINT or SIGTERM ends the event loop.
 #include "daemon.h"
 #include "gwconf.h"
+#include "wanportmap.h"
 
 int main()
 {
@@ -30,7 +31,7 @@ int main()
 
     wanPortMapTimer.cb = applyConfig;
     ubus_add_object(ctx, &rtWanPortMapObject);
-    uloop_timeout_set(&wanPortMapTimer, 30000);
+    uloop_timeout_set(&wanPortMapTimer, WANPORTMAP_START_DELAY_MS);
 
     uloop_run();
 

@@ -3,14 +3,15 @@
 // before it returns; the daemon keeps no configuration state between operations.
 #include "uciconfig.h"
 
-#include "routeutils/owners.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/text.h"
 #include "routeutils/uci_session.h"
 
 #include <cstring>
 #include <string>
 
 using routeutils::copyCut;
+using routeutils::UciEdit;
 using routeutils::UciSession;
 using routeutils::UciWriteResult;
 
@@ -21,9 +22,8 @@ std::size_t limitOf(int len) { return len > 0 ? static_cast<std::size_t>(len) : 
 // One edit of a single option or list value in a context of its own, then save and commit. Returns the first
 // failing call's number. With `caller` given, that failure is also logged as "[caller:line]<call> error" (the
 // edit named `editName`); without it the failure is only returned.
-int editSaveCommit(int (*edit)(uci_context *, uci_ptr *), const char *package, const char *section,
-                   const char *option, const char *value, const char *caller = nullptr,
-                   const char *editName = nullptr)
+int editSaveCommit(UciEdit edit, const char *package, const char *section, const char *option, const char *value,
+                   const char *caller = nullptr, const char *editName = nullptr)
 {
     auto fail = [caller](const char *call, int line, int rc) {
         if (caller)
@@ -33,15 +33,9 @@ int editSaveCommit(int (*edit)(uci_context *, uci_ptr *), const char *package, c
     UciSession s;
     if (!s)
         return fail(UciSession::allocCallName(), __LINE__, UCI_ERR_MEM);
-    uci_ptr ptr{};
-    ptr.package = package;
-    ptr.section = section;
-    ptr.option = option;
-    ptr.value = value;
-    const int rc = edit(s.ctx(), &ptr);
+    const int rc = s.edit(edit, {nullptr, package, section, option, value});
     if (rc != UCI_OK)
         return fail(editName, __LINE__, rc);
-    s.adopt(ptr.p);
     const UciWriteResult w = s.saveThenCommit();
     if (w.failed == UciWriteResult::Step::Save)
         return fail("uci_save", __LINE__, w.rc);
@@ -96,7 +90,7 @@ int uciSetConfig(const char *package, const char *section, const char *option, c
         return UCI_ERR_INVAL;
     }
     // uci_set loads the package itself and refuses an option of a section that does not exist.
-    return editSaveCommit(uci_set, package, section, option, value);
+    return editSaveCommit(UciEdit::Set, package, section, option, value);
 }
 
 // Copies an option's value into the caller's buffer: a single text cut to len characters, or a list joined by
@@ -205,16 +199,8 @@ int uciAddNewSection(const char *package, const char *type, const char (*options
         const std::string option(options[i], strnlen(options[i], sizeof options[i]));
         const std::string value(values[i], strnlen(values[i], sizeof values[i]));
         log_info("[%s:%d]option:%s, value:%s", __func__, __LINE__, option.c_str(), value.c_str());
-        if (!sec)
-            continue;
-        uci_ptr ptr{};
-        ptr.p = pkg;
-        ptr.s = sec;
-        ptr.package = pkg->e.name;
-        ptr.section = sec->e.name;
-        ptr.option = option.c_str();
-        ptr.value = value.c_str();
-        uci_set(s.ctx(), &ptr);
+        if (sec)
+            uciSetString(s.ctx(), pkg, sec, option.c_str(), value.c_str());
     }
     // Once the package is loaded the result is 0, whatever the edits and the commit did. No save: commit alone.
     s.adopt(pkg);
@@ -228,11 +214,7 @@ int uciDeleteSection(struct uci_context *ctx, struct uci_package *pkg, const cha
         log_error("[%s:%d]ctx is null or pkg is null or configFile or sectionName is null", __func__, __LINE__);
         return -1;
     }
-    uci_ptr ptr{};
-    ptr.p = pkg;
-    ptr.package = package;
-    ptr.section = section;
-    return uci_delete(ctx, &ptr) == UCI_OK ? 0 : -1;
+    return publicUciDelSection(ctx, pkg, package, section);
 }
 
 int uciRevertPackage(struct uci_context *ctx, struct uci_package **pkg, const char *section)
@@ -246,7 +228,7 @@ int uciAddList(const char *package, const char *section, const char *option, con
         log_error("[%s:%d]param is null", __func__, __LINE__);
         return UCI_ERR_INVAL;
     }
-    return editSaveCommit(uci_add_list, package, section, option, value, __func__, "uci_add_list");
+    return editSaveCommit(UciEdit::AddList, package, section, option, value, __func__, "uci_add_list");
 }
 
 int uciDelList(const char *package, const char *section, const char *option, const char *value)
@@ -255,5 +237,5 @@ int uciDelList(const char *package, const char *section, const char *option, con
         log_error("[%s:%d]param is null", __func__, __LINE__);
         return UCI_ERR_INVAL;
     }
-    return editSaveCommit(uci_del_list, package, section, option, value);
+    return editSaveCommit(UciEdit::DelList, package, section, option, value);
 }

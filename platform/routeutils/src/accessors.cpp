@@ -1,6 +1,6 @@
 // Typed option accessors and list/section helpers on packages loaded with libuci.
-#include "routeutils/owners.h"
 #include "routeutils/routeutils.h"
+#include "routeutils/text.h"
 #include "routeutils/uci_session.h"
 
 #include <cerrno>
@@ -10,6 +10,7 @@
 #include <cstring>
 
 using routeutils::copyCut;
+using routeutils::UciEdit;
 using routeutils::UciSession;
 
 namespace {
@@ -158,52 +159,28 @@ int uciSetOptionInt32(const char *config, const char *package, const char *secti
         return -1;
     char text[16];
     std::snprintf(text, sizeof text, "%d", static_cast<int>(value));
-    uci_ptr ptr{};
-    ptr.package = name;
-    ptr.section = section;
-    ptr.option = option;
-    ptr.value = text;
-    if (uci_set(s.ctx(), &ptr) != UCI_OK || !ptr.p)
+    if (s.edit(UciEdit::Set, {nullptr, name, section, option, text}) != UCI_OK || !s.pkg())
         return -1;
-    s.adopt(ptr.p);
     return s.saveThenCommit().ok() ? 0 : -1;
 }
 
 int publicUciAddList(struct uci_context *ctx, const char *package, const char *section, const char *option,
                      const char *value)
 {
-    if (!ctx || !package || !section || !option || !value)
-        return -1;
-    uci_ptr ptr{};
-    ptr.package = package;
-    ptr.section = section;
-    ptr.option = option;
-    ptr.value = value;
-    return uci_add_list(ctx, &ptr) == UCI_OK ? 0 : -1;
+    return routeutils::uciEdit(ctx, UciEdit::AddList, {nullptr, package, section, option, value}) == UCI_OK ? 0 : -1;
 }
 
 int publicUciDelList(struct uci_context *ctx, const char *package, const char *section, const char *option,
                      const char *value)
 {
-    if (!ctx || !package || !section || !option || !value)
-        return -1;
-    uci_ptr ptr{};
-    ptr.package = package;
-    ptr.section = section;
-    ptr.option = option;
-    ptr.value = value;
-    return uci_del_list(ctx, &ptr) == UCI_OK ? 0 : -1;
+    return routeutils::uciEdit(ctx, UciEdit::DelList, {nullptr, package, section, option, value}) == UCI_OK ? 0 : -1;
 }
 
 int publicUciDelSection(struct uci_context *ctx, struct uci_package *pkg, const char *package, const char *section)
 {
-    if (!ctx || !pkg || !package || !section)
+    if (!pkg)
         return -1;
-    uci_ptr ptr{};
-    ptr.p = pkg;
-    ptr.package = package;
-    ptr.section = section;
-    return uci_delete(ctx, &ptr) == UCI_OK ? 0 : -1;
+    return routeutils::uciEdit(ctx, UciEdit::DeleteSection, {pkg, package, section}) == UCI_OK ? 0 : -1;
 }
 
 }  // extern "C"

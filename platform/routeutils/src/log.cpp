@@ -3,6 +3,7 @@
 // ("err", "info", "debug", any other syslog level name, or its number 0 to 7); without it, or with a value it does
 // not know, syslog takes err and info (the debug lines, one per command run, stay out) and stderr every level.
 #include "routeutils/routeutils.h"
+#include "routeutils/system.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -50,7 +51,8 @@ void logLine(int priority, const char *level, const char *fmt, va_list ap)
     if (!fmt)
         return;
     const int asked = levelAsked();
-    const bool toSyslog = priority <= (asked >= 0 ? asked : LOG_INFO);
+    // The syslog socket is a path of the system too: under a test's root the lines go to the stderr copy only.
+    const bool toSyslog = priority <= (asked >= 0 ? asked : LOG_INFO) && routeutils::systemRootIsDefault();
     const bool toStderr = stderrWanted() && priority <= (asked >= 0 ? asked : LOG_DEBUG);
     if (!toSyslog && !toStderr)
         return;

@@ -8,12 +8,46 @@
 
 namespace routeutils {
 
+namespace {
+
+// The entry of libuci's default save folder in the delta search path, taken out of the path. libuci keeps that
+// folder there when the save folder moves, so a session under a test root would read the host's deltas too.
+uci_element *takeOutDefaultDeltaDir(uci_context *ctx)
+{
+    uci_element *e;
+    uci_foreach_element(&ctx->delta_path, e) {
+        if (e->name != nullptr && std::strcmp(e->name, UCI_SAVEDIR) == 0) {
+            e->list.prev->next = e->list.next;
+            e->list.next->prev = e->list.prev;
+            return e;
+        }
+    }
+    return nullptr;
+}
+
+// Puts the entry back at the head of the path, where libuci had it, so that freeing the context frees it.
+void putBackDeltaDir(uci_context *ctx, uci_element *e)
+{
+    uci_list *head = &ctx->delta_path;
+    e->list.next = head->next;
+    e->list.prev = head;
+    head->next->prev = &e->list;
+    head->next = &e->list;
+}
+
+}  // namespace
+
 UciSession::UciSession() : ctx_(uci_alloc_context())
 {
-    // libuci's own folders (/etc/config, /tmp/.uci) unless a test moved the system root.
+    // libuci's own folders (/etc/config, /tmp/.uci, and /var/run/uci where libuci has that override folder)
+    // unless a test moved the system root; then nothing of the host's configuration is read or written.
     if (ctx_ != nullptr && !systemRootIsDefault()) {
         uci_set_confdir(ctx_, systemPath(UCI_CONFDIR).c_str());
         uci_set_savedir(ctx_, systemPath(UCI_SAVEDIR).c_str());
+#ifdef UCI_CONF2DIR
+        uci_set_conf2dir(ctx_, systemPath(UCI_CONF2DIR).c_str());
+#endif
+        hiddenDeltaDir_ = takeOutDefaultDeltaDir(ctx_);
     }
 }
 
@@ -23,6 +57,8 @@ UciSession::~UciSession()
         return;
     if (pkg_ != nullptr)
         uci_unload(ctx_, pkg_);
+    if (hiddenDeltaDir_ != nullptr)
+        putBackDeltaDir(ctx_, hiddenDeltaDir_);
     uci_free_context(ctx_);
 }
 
@@ -65,6 +101,15 @@ void UciSession::adopt(uci_package *pkg)
     pkg_ = pkg;
     if (pkg_ != nullptr)
         name_ = pkg_->e.name;
+}
+
+int UciSession::edit(UciEdit edit, const UciAddress &at)
+{
+    uci_package *loaded = nullptr;
+    const int rc = uciEdit(ctx_, edit, at, &loaded);
+    if (rc == UCI_OK)
+        adopt(loaded);
+    return rc;
 }
 
 uci_section *UciSession::firstSection(const char *type) const
@@ -133,6 +178,26 @@ void UciSession::revertOption(const char *section, const char *option)
     uci_revert(ctx_, &undo);
     // libuci reloaded (or dropped) the package: what is still loaded goes with the context.
     pkg_ = nullptr;
+}
+
+int uciEdit(uci_context *ctx, UciEdit edit, const UciAddress &at, uci_package **loaded)
+{
+    const bool sectionOnly = edit == UciEdit::DeleteSection;
+    if (!ctx || !at.package || !at.section || (!sectionOnly && (!at.option || !at.value)))
+        return UCI_ERR_INVAL;
+    const std::string section(at.section);
+    uci_ptr ptr{};
+    ptr.p = at.pkg;
+    ptr.package = at.package;
+    ptr.section = section.c_str();
+    ptr.option = at.option;
+    ptr.value = at.value;
+    // libuci's call for each edit, in the order of UciEdit.
+    static int (*const kCalls[])(uci_context *, uci_ptr *) = {uci_set, uci_add_list, uci_del_list, uci_delete};
+    const int rc = kCalls[static_cast<int>(edit)](ctx, &ptr);
+    if (rc == UCI_OK && loaded)
+        *loaded = ptr.p;
+    return rc;
 }
 
 int uciRevertLoaded(uci_context *ctx, uci_package **pkg, const char *section)

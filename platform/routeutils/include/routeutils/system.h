@@ -1,7 +1,7 @@
 // What the daemon does to the system outside the bus, behind one narrow seam: every command it runs (the commands
 // of LC_SystemCall and iptables, the background WAN script, the calls of the uci tool) goes to the installed
-// CommandRunner, and every absolute path it opens itself (libuci's configuration and save folders, the WAN script,
-// the UPnP lease file, the bus socket of its private connections) is taken under the system root.
+// CommandRunner, and every absolute path it opens itself (libuci's configuration, save and override folders, the
+// WAN script, the UPnP lease file, the bus socket of its private connections) is taken under the system root.
 //
 // The daemon never changes either: the spawning runner and the root "/" are what it runs with. A test installs the
 // recording runner, which keeps each command and answers a chosen exit status without starting anything, and
@@ -45,7 +45,8 @@ CommandRunner &commandRunner();
 void installCommandRunner(CommandRunner *runner);
 
 // The folder under which the daemon's absolute paths are taken: "/" unless a test sets another (an absolute path,
-// without a trailing slash). Commands are not rewritten: they name the daemon's own paths.
+// without a trailing slash). Commands are not rewritten: they name the daemon's own paths. Under another root the
+// log lines are not sent to syslog (its socket is the host's); the stderr copy still comes with GWCONF_LOG_STDERR.
 void setSystemRoot(const std::string &root);
 bool systemRootIsDefault();
 // An absolute path under the root: the path itself while the root is "/" (a relative path is never changed).

@@ -10,12 +10,31 @@
 //   commit()          alone: the new unnamed section (uciAddNewSection), which never saves;
 //   revert()          after a failed write: the package's uncommitted changes are discarded (libuci reloads it);
 //   revertOption()    after a failed commit of one saved option: only that option's saved change goes.
+//
+// The edits by address (set an option, add or remove one list value, delete a section) have one implementation,
+// uciEdit below; the configuration layer's and the platform library's named operations are thin entries to it.
 #pragma once
 
 #include <string>
 #include <uci.h>
 
 namespace routeutils {
+
+// An edit of a package by address, as libuci's own edit calls take it. Nothing is saved or committed.
+enum class UciEdit { Set, AddList, DelList, DeleteSection };
+
+struct UciAddress {
+    uci_package *pkg = nullptr;  // the loaded package, when the caller has it; else libuci finds (or loads) it
+    const char *package = nullptr;
+    const char *section = nullptr;
+    const char *option = nullptr;  // not for DeleteSection
+    const char *value = nullptr;   // not for DeleteSection
+};
+
+// Makes one edit: libuci's result, UCI_ERR_INVAL when the context or a part the edit needs is missing. The section
+// text may be the section's own name (deleting the section frees it): the edit works on a copy. On success *loaded,
+// when asked for, is the package libuci edited.
+int uciEdit(uci_context *ctx, UciEdit edit, const UciAddress &at, uci_package **loaded = nullptr);
 
 // Which step of a two-step write failed, and libuci's number for it.
 struct UciWriteResult {
@@ -48,6 +67,8 @@ public:
     int open(const char *caller, const char *package);
     // Takes over a package that an edit by address (uci_set, uci_add_list, ...) loaded into the context.
     void adopt(uci_package *pkg);
+    // uciEdit in the session's context; the session takes over the package the edit loaded.
+    int edit(UciEdit edit, const UciAddress &at);
     // The first section of `type` in the package, whatever its name; null when there is none.
     uci_section *firstSection(const char *type) const;
 
@@ -72,6 +93,7 @@ private:
 
     uci_context *ctx_;
     uci_package *pkg_ = nullptr;
+    uci_element *hiddenDeltaDir_ = nullptr;  // libuci's default save folder, out of the delta path under a root
     std::string name_;  // the package's name, kept apart: a revert unloads the package first
 };
 
