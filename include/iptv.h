@@ -55,13 +55,6 @@ struct IptvInfo {
 #define IPTV_CMD_SIZE 128
 #define IPTV_VLANID_BOUND 4095 // accepted VLAN ids (RTIptv): 0 to 4094
 
-// routeutils' formatCut and appendCut in the form the module's unit tests call them: buf has size bytes, and the
-// text keeps within min(limit, size) - 1 characters (a limit counts the terminating NUL). iptvFormat zeroes buf
-// first and returns the length written.
-#define IPTV_OPT_WRITE_LIMIT (IPTV_OPT_WRITE_LEN + 1)
-size_t iptvFormat(char *buf, size_t size, size_t limit, const char *fmt, ...) __attribute__((format(printf, 4, 5)));
-void iptvAppend(char *buf, size_t size, size_t limit, const char *text);
-
 // ---- Pure logic of the setting (no files, no bus). ----
 
 // Option reading rules: a flag is set only by the exact text "1"; numbers are the decimal value of the leading

@@ -42,14 +42,6 @@ struct MacFilterEntry {
     char name[MACFILTER_NAME_LEN + 1];
 };
 
-// routeutils::copyCut under the name the module's unit tests call: at most `limit` characters of src, never more
-// than the destination holds.
-template <size_t N>
-inline void mfCopy(char (&dst)[N], const char *src, size_t limit = N - 1)
-{
-    routeutils::copyCut(dst, src, limit < N - 1 ? limit : N - 1);
-}
-
 // --- MAC text ---------------------------------------------------------------------------------------------------
 // 0 when text is a 17-character colon form (any case), else -1 with the reason logged.
 int macValidCheck(const char *text, int length);

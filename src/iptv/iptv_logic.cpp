@@ -5,35 +5,12 @@
 #include "routeutils/text.h"
 
 #include <climits>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 using routeutils::appendCut;
 using routeutils::copyCut;
 using routeutils::formatCut;
-
-size_t iptvFormat(char *buf, size_t size, size_t limit, const char *fmt, ...)
-{
-    if (buf == nullptr || size == 0)
-        return 0;
-    memset(buf, 0, size);
-    const size_t room = limit < size ? limit : size;
-    if (room == 0 || fmt == nullptr)
-        return 0;
-    va_list ap;
-    va_start(ap, fmt);
-    const size_t n = routeutils::vformatCut(buf, room - 1, fmt, ap);
-    va_end(ap);
-    return n;
-}
-
-void iptvAppend(char *buf, size_t size, size_t limit, const char *text)
-{
-    const size_t room = limit < size ? limit : size;
-    if (buf != nullptr && room > 0)
-        routeutils::appendCut(buf, text, room - 1);
-}
 
 int iptvFlagFromText(const char *text)
 {
