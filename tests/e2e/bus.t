@@ -1,0 +1,53 @@
+gwconfd and the bus daemon: a bus that is not there yet at start, and one that goes away and comes back. gwconfd
+tries again every 3000 ms, and logs the failure once for the whole streak.
+
+  $ . $E2E/lib.sh
+  $ daemon --no-wait
+  $ sleep 3.5
+  $ log ubus_connect
+  error [ubusConnectAtStart]ubus_connect failed, retrying every 3000 ms
+  $ bus
+  $ ubus listen ubus.object.add > /tmp/added 2>&1 & LISTEN=$!
+  $ registered
+  $ grep -o '"path":"[^"]*"' /tmp/added
+  "path":"RTMacFilter"
+  "path":"zelmad.macfilter"
+  "path":"RTIptv"
+  "path":"firewall"
+  "path":"zelmad.vlan"
+  "path":"RTPortMap"
+  "path":"RTUpnp"
+  "path":"RTWanPortMap"
+  $ log 'connected to ubus'
+  info [connectAttempt]connected to ubus
+  $ journal
+  iptables -N NatForward_DMZ
+  iptables -t nat -N NatForward_DMZ
+  iptables -N MINIUPNPD
+  iptables -t nat -N MINIUPNPD
+  $ ubus call RTIptv noSuchMethod
+  Command failed: ubus call RTIptv noSuchMethod (Method not found)
+  [253]
+  $ ubus call RTNoSuchObject getIptvInfo
+  Command failed: Not found
+  [4]
+
+The bus daemon stopped, then killed, and started again each time: the objects answer again, and nothing of the
+start-up runs again.
+
+  $ bus_end TERM; bus; registered
+  $ bus_end KILL; bus; registered
+  $ log ubus_connection_lost
+  debug [ubus_connection_lost]ubus_connection_lost
+  debug [ubus_connection_lost]ubus_connection_lost
+  $ ubus call RTIptv test
+  {
+  	"result": true
+  }
+  $ journal
+  $ stop
+
+SIGTERM ends gwconfd with status 0 also while it waits for the bus.
+
+  $ bus_end TERM; daemon --no-wait; sleep 0.5
+  $ stop; kill $LISTEN
