@@ -1,15 +1,11 @@
-gwconfd and the bus daemon: a bus that is not there yet at start, and one that goes away and comes back. gwconfd
-tries again every 3000 ms, and logs the failure once for the whole streak.
+gwconfd and the bus daemon: the eight objects registered in their fixed order; a bus that is not there yet at
+start, and one that goes away and comes back. gwconfd tries again every 3000 ms, and logs the failure once for
+the whole streak.
 
   $ . $E2E/lib.sh
-  $ daemon --no-wait
-  $ sleep 3.5
-  $ log ubus_connect
-  error [ubusConnectAtStart]ubus_connect failed, retrying every 3000 ms
-  $ bus
-  $ ubus listen ubus.object.add > /tmp/added 2>&1 & LISTEN=$!
-  $ registered
-  $ grep -o '"path":"[^"]*"' /tmp/added
+  $ bus; ubus listen ubus.object.add ready > /tmp/added 2>&1 & LISTEN=$!
+  $ wait_until sh -c 'ubus send ready; test -s /tmp/added'
+  $ daemon; grep -o '"path":"[^"]*"' /tmp/added
   "path":"RTMacFilter"
   "path":"zelmad.macfilter"
   "path":"RTIptv"
@@ -18,6 +14,19 @@ tries again every 3000 ms, and logs the failure once for the whole streak.
   "path":"RTPortMap"
   "path":"RTUpnp"
   "path":"RTWanPortMap"
+  $ ubus call RTIptv noSuchMethod
+  Command failed: ubus call RTIptv noSuchMethod (Method not found)
+  [253]
+  $ ubus call RTNoSuchObject getIptvInfo
+  Command failed: Not found
+  [4]
+  $ stop; kill $LISTEN; bus_end TERM; journal > /dev/null
+
+  $ daemon --no-wait
+  $ sleep 3.5
+  $ log ubus_connect
+  error [ubusConnectAtStart]ubus_connect failed, retrying every 3000 ms
+  $ bus; registered
   $ log 'connected to ubus'
   info [connectAttempt]connected to ubus
   $ journal
@@ -25,12 +34,6 @@ tries again every 3000 ms, and logs the failure once for the whole streak.
   iptables -t nat -N NatForward_DMZ
   iptables -N MINIUPNPD
   iptables -t nat -N MINIUPNPD
-  $ ubus call RTIptv noSuchMethod
-  Command failed: ubus call RTIptv noSuchMethod (Method not found)
-  [253]
-  $ ubus call RTNoSuchObject getIptvInfo
-  Command failed: Not found
-  [4]
 
 The bus daemon stopped, then killed, and started again each time: the objects answer again, and nothing of the
 start-up runs again.
@@ -50,4 +53,4 @@ start-up runs again.
 SIGTERM ends gwconfd with status 0 also while it waits for the bus.
 
   $ bus_end TERM; daemon --no-wait; sleep 0.5
-  $ stop; kill $LISTEN
+  $ stop

@@ -20,16 +20,6 @@ network once, a second after the change. A VLAN id past 4094 is refused.
   ebtables --concurrent -t broute -I BROUTING -i lan3.100 -p ipv6 --ip6-proto udp --ip6-dport 53 -j ACCEPT
   $ sleep 2; journal
   /etc/init.d/network reload
-  $ uci show iptv
-  iptv.main=iptv
-  iptv.main.enabled='1'
-  iptv.main.vlanid='100'
-  iptv.main.vlan1='1'
-  iptv.main.vlan2='0'
-  iptv.main.vlan3='1'
-  iptv.main.type='1'
-  iptv.main.vlan24g='0'
-  iptv.main.vlan5g='0'
   $ uci show network.iptv; uci show network.device.ifname
   network.iptv=interface
   network.iptv.device='br-iptv'

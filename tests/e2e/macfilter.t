@@ -51,23 +51,6 @@ refused.
   	},
   	"result": false
   }
-  $ ubus call RTMacFilter getMacFilterList
-  {
-  	"params": {
-  		"enable": 1,
-  		"model": 1,
-  		"blackList": [
-  			{
-  				"mac": "AA:BB:CC:DD:EE:01",
-  				"name": "tv"
-  			}
-  		],
-  		"whiteList": [
-  			
-  		]
-  	},
-  	"result": true
-  }
   $ ubus call RTMacFilter delMacFilterList '{"enable":1,"model":1,"macList":{"name":"tv","mac":"AA:BB:CC:DD:EE:01"}}'
   {
   	"result": true
@@ -76,9 +59,6 @@ refused.
   ebtables -D FORWARD -s AA:BB:CC:DD:EE:01 -j DROP
   ip6tables -D FORWARD -m mac --mac-source AA:BB:CC:DD:EE:01 -j DROP
   /etc/init.d/firewall reload
-  $ uci get macFilter.blacklist.deny
-  uci: Entry not found
-  [1]
   $ real ebtables -L FORWARD
   Bridge table: filter
   

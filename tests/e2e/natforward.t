@@ -8,7 +8,7 @@ WAN and from the LAN) and a firewall reload; a range mapping that covers its por
   }
   $ journal
   /etc/init.d/firewall reload
-  $ uci show firewall.@redirect[-2]; uci show firewall.@redirect[-1]
+  $ uci show firewall.@redirect[-2]; uci get firewall.@redirect[-1].src
   firewall.cfg0d3837=redirect
   firewall.cfg0d3837.name='web'
   firewall.cfg0d3837.PmapID='1'
@@ -19,16 +19,7 @@ WAN and from the LAN) and a firewall reload; a range mapping that covers its por
   firewall.cfg0d3837.target='DNAT'
   firewall.cfg0d3837.dest='lan'
   firewall.cfg0d3837.src='wan'
-  firewall.cfg0e3837=redirect
-  firewall.cfg0e3837.name='web'
-  firewall.cfg0e3837.PmapID='1'
-  firewall.cfg0e3837.proto='tcp'
-  firewall.cfg0e3837.src_dport='8080'
-  firewall.cfg0e3837.dest_port='80'
-  firewall.cfg0e3837.dest_ip='192.168.1.10'
-  firewall.cfg0e3837.target='DNAT'
-  firewall.cfg0e3837.dest='lan'
-  firewall.cfg0e3837.src='lan'
+  lan
   $ ubus call RTPortMap getPortMapping
   {
   	"params": {

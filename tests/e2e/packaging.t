@@ -62,7 +62,7 @@ output to the log; a change of one of its packages reloads it, and a reload is a
   > . "$1"; [ "$USE_PROCD" = 1 ] || echo 'no procd'
   > case $2 in start) start_service ;; triggers) service_triggers ;; reload) reload_service ;; esac
   > EOF
-  $ for a in start triggers reload; do echo "# $a"; sh /tmp/rc.common $F/etc/init.d/gwconfd $a; done
+  $ for a in start triggers reload; do echo "# $a"; sh /tmp/rc.common $F/etc/init.d/gwconfd $a | head -n 6; done
   # start
   procd_open_instance
   procd_set_param command /usr/sbin/gwconfd
@@ -79,4 +79,3 @@ output to the log; a change of one of its packages reloads it, and a reload is a
   procd_set_param respawn 3600 5 5
   procd_set_param stdout 1
   procd_set_param stderr 1
-  procd_close_instance

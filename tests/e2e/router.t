@@ -9,11 +9,6 @@ leaves the host).
   network
   $ test -e /var/run/ubus/ubus.sock || echo 'no bus daemon (--no-daemon)'
   no bus daemon (--no-daemon)
-  $ ip -o link show master br-lan | cut -d' ' -f2; ip -o link show eth1 | cut -d' ' -f2
-  lan1@lan1-peer:
-  lan2@lan2-peer:
-  lan3@lan3-peer:
-  eth1@eth1-peer:
   $ real iptables -t nat -S PREROUTING
   -P PREROUTING ACCEPT
   -A PREROUTING -j WanPortMapPREROUTING
