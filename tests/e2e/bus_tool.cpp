@@ -7,12 +7,10 @@
 //                                     known for DevMac, setStaDevName stores one; each call is appended to FILE as
 //                                     "METHOD MAC [NAME]".
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <map>
 #include <string>
-
 extern "C" {
 #include <libubox/blobmsg_json.h>
 }
@@ -66,9 +64,9 @@ int station(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char
     const bool set = std::strcmp(method, "setStaDevName") == 0 && tb[1];
     std::fprintf(record, "%s %s%s%s\n", method, mac.c_str(), set ? " " : "", set ? blobmsg_get_string(tb[1]) : "");
     std::fflush(record);
-    if (set)
+    if (set) {
         names[mac] = blobmsg_get_string(tb[1]);
-    else if (names.count(mac)) {
+    } else if (names.count(mac)) {
         static blob_buf b;
         blob_buf_init(&b, 0);
         void *params = blobmsg_open_table(&b, "params");
@@ -107,6 +105,5 @@ int main(int argc, char **argv)
         return callLoop();
     if (argc >= 3 && std::strcmp(argv[1], "rtsta") == 0)
         return serveStation(argc, argv);
-    std::fprintf(stderr, "usage: bus_tool call | bus_tool rtsta FILE [MAC=NAME]...\n");
-    return 2;
+    return std::fprintf(stderr, "usage: bus_tool call | bus_tool rtsta FILE [MAC=NAME]...\n"), 2;
 }
