@@ -5,7 +5,7 @@ the whole streak.
   $ . $E2E/lib.sh
   $ bus; ubus listen ubus.object.add ready > /tmp/added 2>&1 & LISTEN=$!
   $ wait_until sh -c 'ubus send ready; test -s /tmp/added'
-  $ daemon; grep -o '"path":"[^"]*"' /tmp/added
+  $ daemon; wait_until grep -q RTWanPortMap /tmp/added; grep -o '"path":"[^"]*"' /tmp/added
   "path":"RTMacFilter"
   "path":"zelmad.macfilter"
   "path":"RTIptv"
@@ -52,5 +52,5 @@ start-up runs again.
 
 SIGTERM ends gwconfd with status 0 also while it waits for the bus.
 
-  $ bus_end TERM; daemon --no-wait; sleep 0.5
+  $ bus_end TERM; daemon --no-wait; wait_until logged 2 'ubus_connect failed'; sleep 0.2
   $ stop

@@ -230,20 +230,25 @@ def fault_kill(rounds=None, seed=None):
         after.append({p: load(p) for p in PACKAGES})
         assert after[-1] != before, (obj, method, 'wrote nothing')
 
-    seen, t0 = dict(before=0, after=0, between=0, temporary=0), time.time()
+    seen, t0 = dict(before=0, after=0, between=0, temporary=0, answered=0), time.time()
     for n in range(rounds):
         k = rng.randrange(len(WRITES))
         obj, method, request, rebuilt, passing = (WRITES[k] + (False, {}))[:5]
         delay = rng.uniform(0, took[k])
         what = f'round {n}: {obj} {method} killed after {delay * 1000:.1f} ms'
         start()
-        client = sp.Popen([UBUS, '-S', '-t', '5', 'call', obj, method, request], stdout=sp.DEVNULL, stderr=sp.DEVNULL)
+        client = sp.Popen([UBUS, '-S', '-t', '5', 'call', obj, method, request], stdout=sp.PIPE, stderr=sp.DEVNULL, text=True)
         time.sleep(delay)
         r.kill()
-        client.kill()
-        client.wait()
+        try:   # a reply on its way reaches the client at once; none comes from a killed daemon
+            answer = client.communicate(timeout=0.05)[0]
+        except sp.TimeoutExpired:
+            client.kill()
+            answer = client.communicate()[0]
         reap(r.bus.pid)
         now = {p: load(p) for p in PACKAGES}
+        seen['answered'] += TRUE in answer
+        assert TRUE not in answer or now == after[k], f'{what}: a write answered with success is not all there'
         for p in PACKAGES:
             assert load(p, file_only=True) is not None, f'{what}: /etc/config/{p} does not load'
             wrong = old_or_new(before[p], after[k][p], now[p], rebuilt, passing if p == 'macFilter' else {})
@@ -261,7 +266,8 @@ def fault_kill(rounds=None, seed=None):
             assert not wrong, f'{what}: package {p} after the next commit: {wrong}'
         assert not hidden_config_files(), f'{what}: the next commit left {hidden_config_files()} in /etc/config'
     print(f'[fault] {rounds} rounds in {time.time() - t0:.1f} s: all packages as before {seen["before"]}, as after '
-          f'{seen["after"]}, in between {seen["between"]}; temporary files of cut commits seen {seen["temporary"]}')
+          f'{seen["after"]}, in between {seen["between"]}; answered before the kill {seen["answered"]}; temporary files '
+          f'of cut commits seen {seen["temporary"]}')
     # A temporary file that a commit cut before its journal left: the next commit of that package removes it.
     open('/etc/config/.firewall.uci-Ab12Cd', 'w').write('config rule\n')
     open('/etc/config/.network.uci-Ab12Cd', 'w').write('config rule\n')

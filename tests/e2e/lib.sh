@@ -12,13 +12,15 @@ bus_end() { kill -$1 $BUS; wait $BUS 2>/dev/null; }
 daemon() { GWCONF_LOG_STDERR=1 gwconfd >>$S/gwconfd.log 2>&1 & GW=$!; [ "$1" = --no-wait ] || registered; }
 registered() { ubus -t 15 wait_for $OBJECTS; }
 up() { bus && daemon; }
-# stop: SIGTERM to gwconfd; silent when it exits with status 0 and no sanitizer wrote to its log.
-stop() { kill $GW; wait $GW; local st=$?; [ $st = 0 ] || echo "gwconfd exit status $st"; ! grep -E 'Sanitizer|runtime error' $S/gwconfd.log; }
+# stop: SIGTERM to gwconfd, once its loop runs (a call is answered); silent when it exits with status 0 and no
+# sanitizer wrote to its log.
+stop() { ubus -t 10 call RTIptv test > /dev/null 2>&1; kill $GW; wait $GW; local st=$?; [ $st = 0 ] || echo "gwconfd exit status $st"; ! grep -E 'Sanitizer|runtime error' $S/gwconfd.log; }
 # journal: the commands run since the last look. real TOOL, uci: the firewall tools and uci, not journaled.
 journal() { cat $S/journal; : >$S/journal; }
 real() { $S/real/"$@"; }
 uci() { (exec -a uci $S/real/uci "$@"); }
 # log TEXT: gwconfd's log lines holding TEXT, without the source line numbers.
 log() { grep -F -- "$1" $S/gwconfd.log | sed -E 's/^([a-z]+ \[[A-Za-z_]+):[0-9]+\]/\1]/'; }
+logged() { [ "$(log "$2" | wc -l)" = $1 ]; }   # logged N TEXT: N lines hold TEXT
 # took T0 LO HI: whether the time since T0 (from `date +%s%N`) lies within LO to HI milliseconds.
 took() { local ms=$((($(date +%s%N) - $1) / 1000000)); [ $ms -ge $2 ] && [ $ms -lt $3 ] && echo "within $2-$3 ms" || echo "$ms ms"; }

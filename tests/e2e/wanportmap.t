@@ -5,6 +5,7 @@ table) is made and linked first. Switched off, the next apply empties the chains
 address is refused.
 
   $ . $E2E/lib.sh; real iptables -D INPUT -j WanPortMapINPUT; real iptables -X WanPortMapINPUT
+  $ echo 'the log of an earlier apply' > /tmp/wanPortMap.log
   $ up; journal > /dev/null
   $ ubus call RTWanPortMap setWanPortMap '{"Enabled":1,"InPort":22,"ExPort":2222,"RemoteAddr":"192.168.5.7"}'
   {
