@@ -35,11 +35,11 @@ the whole streak.
   iptables -N MINIUPNPD
   iptables -t nat -N MINIUPNPD
 
-The bus daemon stopped, then killed, and started again each time: the objects answer again, and nothing of the
-start-up runs again.
+The bus daemon stopped, then killed, and started again each time once gwconfd saw it go: the objects answer
+again, and nothing of the start-up runs again.
 
-  $ bus_end TERM; bus; registered
-  $ bus_end KILL; bus; registered
+  $ bus_end TERM; wait_until logged 1 ubus_connection_lost; bus; registered
+  $ bus_end KILL; wait_until logged 2 ubus_connection_lost; bus; registered
   $ log ubus_connection_lost
   debug [ubus_connection_lost]ubus_connection_lost
   debug [ubus_connection_lost]ubus_connection_lost

@@ -304,7 +304,8 @@ def fault_bus():
     r.bus.kill()
     r.bus.wait()
     killed = time.time()
-    until(lambda: time.time() - killed > 0.5 and any(c[4] >= killed for c in calls), 'a call during the outage')
+    until(lambda: time.time() - killed > 0.5 and any(c[4] >= killed for c in calls) and 'connection_lost' in r.log(),
+          'a call during the outage, and gwconfd seeing the bus go')
     back = time.time()   # from here a call may reach the new bus daemon
     r.bus_up()
     restarted = time.time()
