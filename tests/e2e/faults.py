@@ -403,8 +403,6 @@ def fault_storage(full):
     check(not hidden_config_files(), 'temporary files left:', hidden_config_files())
     for p in PACKAGES:
         check(load(p, file_only=True) is not None, p, 'does not load')
-    for option in 'enabled', 'vlanid', 'vlan1', 'vlan2', 'vlan3':
-        check(run(UCI, 'get', 'iptv.main.' + option).stdout == '0\n', 'iptv.main.' + option, 'changed')
     for obj, method in ('RTMacFilter', 'getMacFilterList'), ('RTIptv', 'getIptvInfo'), ('RTPortMap', 'getPortMapping'):
         check(r.call(obj, method)[0] == 0, obj, method, 'not served')
     check('"InPort":8080,' in r.call('RTWanPortMap', 'getWanPortMap')[1], 'the failed WAN redirect write was not taken back')

@@ -1,6 +1,6 @@
 The WAN port redirect through RTWanPortMap: stored in package WanPortMap and, a second later, applied by the
-generated script /tmp/wanPortMap.sh, which fills the redirect chains of the mangle, nat and filter tables; its
-output goes to /tmp/wanPortMap.log, emptied at each apply. A chain the platform lacks (here that of the filter
+generated script /tmp/wanPortMap.sh, whose commands fill the redirect chains of the mangle, nat and filter tables;
+its output goes to /tmp/wanPortMap.log, emptied at each apply. A chain the platform lacks (here that of the filter
 table) is made and linked first. Switched off, the next apply empties the chains. A remote address that is no IPv4
 address is refused.
 
@@ -23,15 +23,6 @@ address is refused.
   $ test -e /tmp/wanPortMap.sh || echo 'not applied yet'
   not applied yet
   $ wait_until grep -qsx $GW /tmp/wanPortMap.log
-  $ sed "s/$GW/\$GW/" /tmp/wanPortMap.sh; echo
-  #!/bin/sh
-  iptables -w -t mangle -F WanPortMapPREROUTING
-  iptables -w -t nat -F WanPortMapPREROUTING
-  iptables -w -t filter -F WanPortMapINPUT
-  iptables -w -t mangle -A WanPortMapPREROUTING -i eth1 -p tcp --dport 2222 -s 192.168.5.7 -j MARK --set-mark 0x8888
-  iptables -w -t nat -A WanPortMapPREROUTING -p tcp --dport 2222 -s 192.168.5.7 -j REDIRECT --to-ports 22
-  iptables -w -t filter -A WanPortMapINPUT -p tcp --dport 22 -s 192.168.5.7 -m mark --mark 0x8888 -j ACCEPT
-  echo $GW
   $ journal; real iptables -S INPUT
   iptables -w -t mangle -C PREROUTING -j WanPortMapPREROUTING
   iptables -w -t nat -C PREROUTING -j WanPortMapPREROUTING
