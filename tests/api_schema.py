@@ -176,7 +176,7 @@ def check_transcript(api, path, text):
         else:
             continue
         where = f"{path}:{n}: {' '.join(rest[:2])}"
-        refused = any("Method not found" in o or "(Not found)" in o for o in output)
+        refused = any("Method not found" in o or "Not found" in o for o in output)
         if len(rest) < 2 or not api.known(rest[0], rest[1]):
             if not refused:
                 faults.append(f"{where}: no such method in the schema")

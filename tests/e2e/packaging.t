@@ -15,7 +15,7 @@ The access list grants exactly the methods on the bus, read and write together.
   > ' $F/usr/share/rpcd/acl.d/gwconf.json
   20 methods; not granted: [] granted, not on the bus: []
 
-The include makes and links the WAN redirect chains (here taken away first), once however often it runs, and puts
+The include makes and links the WAN redirect chains (here taken away first) and links the UPnP and DMZ chains, once however often it runs, and puts
 the last apply's rules back after a firewall restart emptied the chains.
 
   $ for t in mangle:PREROUTING:WanPortMapPREROUTING nat:PREROUTING:WanPortMapPREROUTING filter:INPUT:WanPortMapINPUT; do
@@ -27,6 +27,8 @@ the last apply's rules back after a firewall restart emptied the chains.
   -A PREROUTING -j WanPortMapPREROUTING
   -P PREROUTING ACCEPT
   -A PREROUTING -j WanPortMapPREROUTING
+  -A PREROUTING -i eth1 -j MINIUPNPD
+  -A PREROUTING -i eth1 -j NatForward_DMZ
   -P INPUT ACCEPT
   -A INPUT -j WanPortMapINPUT
   $ ubus call RTWanPortMap setWanPortMap '{"Enabled":1,"InPort":8080,"ExPort":80}'
