@@ -1,0 +1,74 @@
+How a commit reaches the disk, as strace shows it: the package loaded under shared locks, then every file it
+touches locked, the new file written beside the config and synced, a journal of the step, the rename, and only
+then the delta file emptied; a save appends its lines under the lock of the delta file and syncs them.
+
+  $ T=$PWD; mkdir conf save; printf 'config a n\n' > conf/t; chmod 640 conf/t
+  $ uci() { command uci -c "$T/conf" -t "$T/save" -C '' "$@"; }
+  $ trace() { ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0 strace -f -qq -y \
+  >   -e trace=flock,fsync,fdatasync,rename,ftruncate,unlink uci -c "$T/conf" -t "$T/save" -C '' "$@" 2>&1 |
+  >   sed "s#$T/##g; s#conf/.t.uci-[A-Za-z0-9]\{6\}#conf/.t.uci-XXXXXX#g; s/)  *=/) =/"; }
+  $ trace set t.n.x=1
+  flock(3<conf>, LOCK_SH) = 0
+  flock(4<conf/t>, LOCK_SH) = 0
+  flock(3<save/t>, LOCK_EX) = 0
+  fdatasync(3<save/t>) = 0
+  $ trace commit t
+  flock(3<conf>, LOCK_SH) = 0
+  flock(4<conf/t>, LOCK_SH) = 0
+  flock(5<save/t>, LOCK_SH) = 0
+  flock(3<conf>, LOCK_EX) = 0
+  flock(4<conf/t>, LOCK_EX) = 0
+  flock(5<save/t>, LOCK_EX) = 0
+  flock(6<conf/.t.uci-XXXXXX>, LOCK_EX) = 0
+  fsync(6<conf/.t.uci-XXXXXX>) = 0
+  fsync(7<save/.t.uci-commit.new>) = 0
+  rename("save/.t.uci-commit.new", "save/.t.uci-commit") = 0
+  fsync(8<save>) = 0
+  rename("conf/.t.uci-XXXXXX", "conf/t") = 0
+  fsync(6<conf>) = 0
+  ftruncate(5<save/t>, 0) = 0
+  fsync(5<save/t>) = 0
+  unlink("save/.t.uci-commit") = 0
+
+The new file keeps the mode; a commit with nothing to apply leaves the file alone.
+
+  $ stat -c '%a %s' conf/t; ls -i conf/t > before; uci commit t; ls -i conf/t | cmp - before
+  640 29
+
+A save folder is made when first needed, with the mode of the config folder, and a delta file with the mode of
+its config.
+
+  $ chmod 750 conf; uci -t "$T/fresh" set t.n.q=1; stat -c '%a %n' fresh fresh/t
+  750 fresh
+  640 fresh/t
+A symlinked config keeps its link; changes found in another folder (-p) are applied but left there.
+
+  $ mv conf/t conf/real; ln -s real conf/t; mkdir extra; echo "t.n.e='1'" > extra/t
+  $ uci -p "$T/extra" set t.n.y=2; uci -p "$T/extra" commit t; stat -c %F conf/t; cat conf/real extra/t
+  symbolic link
+  
+  config a 'n'
+  \toption x '1' (esc)
+  \toption e '1' (esc)
+  \toption y '2' (esc)
+  
+  t.n.e='1'
+
+An override folder (-C) takes the commit when it holds the package.
+
+  $ mkdir over; printf 'config a o\n' > over/t; command uci -c "$T/conf" -t "$T/save" -C "$T/over" set t.o.z=3
+  $ command uci -c "$T/conf" -t "$T/save" -C "$T/over" commit t; cat over/t; uci get t.o
+  
+  config a 'o'
+  \toption z '3' (esc)
+  
+  uci: Entry not found
+  [1]
+
+Two writers at once, each committing its own numbered items one by one: none is lost, none is doubled.
+
+  $ rm conf/t; printf 'config a n\n' > conf/t
+  $ for w in a b; do (for i in $(seq 25); do uci add_list t.n.l=$w$i && uci commit t || echo failed; done) & done; wait
+  $ for w in a b; do uci get t.n.l | tr ' ' '\n' | grep "^$w" | paste -sd ' '; done; cat save/t
+  a1 a2 a3 a4 a5 a6 a7 a8 a9 a10 a11 a12 a13 a14 a15 a16 a17 a18 a19 a20 a21 a22 a23 a24 a25
+  b1 b2 b3 b4 b5 b6 b7 b8 b9 b10 b11 b12 b13 b14 b15 b16 b17 b18 b19 b20 b21 b22 b23 b24 b25
