@@ -1,10 +1,9 @@
-// What the compat tests share: a temporary folder, whole files, the programs of the build. Nothing here touches
-// /etc/config, /tmp/.uci or the system's bus.
+// What the compat tests share: a temporary folder and whole files. Nothing here touches /etc/config, /tmp/.uci or
+// the system's bus.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -24,8 +23,6 @@ inline void write_file(const std::string &path, const std::string &text)
 {
 	std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
-
-inline std::string bin(const char *name) { return std::string(GWCONF_BIN_DIR) + "/" + name; }
 
 struct TempDir {
 	TempDir()

@@ -1,7 +1,9 @@
 // The tools as their users see them: each data/*/*.t is a cram transcript (a shell command, then its output) run
 // with the programs of the build first on PATH, $DATA the data folder and $TEST_SERVER this executable, which,
 // started with GWCONF_UBUS_TEST_SERVER=<socket>, is the bus test server below instead of a test.
-#include "support.h"
+#include <gtest/gtest.h>
+
+#include <filesystem>
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -49,8 +51,7 @@ HANDLER(deferred_reply)	// answers from the loop after the handler returned
 {
 	ubus_defer_request(c, req, &deferred);
 	timer.cb = [](uloop_timeout *) {
-		reply(ctx, &deferred, "{\"late\":true}");
-		ubus_complete_deferred_request(ctx, &deferred, 0);
+		reply(ctx, &deferred, "{\"late\":true}"), ubus_complete_deferred_request(ctx, &deferred, 0);
 	};
 	return uloop_timeout_set(&timer, 20), 0;
 }
@@ -130,37 +131,23 @@ const struct Hook {
 	}
 } hook;
 
-// ---- the transcripts ----
-const std::string data = GWCONF_TEST_DATA;
+// ---- the transcripts: cram writes NAME.t.err beside a transcript that fails, so it runs on a copy in the build
+// folder (a failure prints the difference); what a transcript leaves running goes with its process group ----
+class Transcript : public ::testing::TestWithParam<std::filesystem::path> {};
 
-std::vector<std::string> transcripts()
-{
-	std::vector<std::string> names;
-	for (auto &e : std::filesystem::recursive_directory_iterator(data))
-		if (e.path().extension() == ".t")
-			names.push_back(e.path().lexically_relative(data).replace_extension().string());
-	std::sort(names.begin(), names.end());
-	return names;
-}
-
-class Transcript : public ::testing::TestWithParam<std::string> {};
-
-// cram writes NAME.t.err beside a transcript that fails, so it runs on a copy in the build folder; a failure
-// prints the difference. Whatever a transcript leaves running is stopped with its process group.
 TEST_P(Transcript, Cram)
 {
-	std::string copy = std::filesystem::absolute("cram-compat/" + GetParam() + ".t");
-	std::filesystem::create_directories(std::filesystem::path(copy).parent_path());
-	std::filesystem::copy_file(data + "/" + GetParam() + ".t", copy,
-				   std::filesystem::copy_options::overwrite_existing);
-	char self[4096] = {};
-	ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
+	namespace fs = std::filesystem;
+	fs::path copy = fs::absolute("cram-compat") / GetParam().lexically_relative(GWCONF_TEST_DATA);
+	fs::create_directories(copy.parent_path());
+	fs::copy_file(GetParam(), copy, fs::copy_options::overwrite_existing);
+	std::string path = std::string(GWCONF_BIN_DIR) + ":" + getenv("PATH"), self = fs::read_symlink("/proc/self/exe");
 	pid_t pid = fork();
 	if (pid == 0) {
 		setpgid(0, 0);
-		setenv("PATH", (std::string(GWCONF_BIN_DIR) + ":" + getenv("PATH")).c_str(), 1);
-		setenv("DATA", data.c_str(), 1);
-		setenv("TEST_SERVER", self, 1);
+		setenv("PATH", path.c_str(), 1);
+		setenv("DATA", GWCONF_TEST_DATA, 1);
+		setenv("TEST_SERVER", self.c_str(), 1);
 		execlp("cram3", "cram3", copy.c_str(), nullptr);
 		execlp("cram", "cram", copy.c_str(), nullptr);
 		_exit(127);
@@ -171,11 +158,17 @@ TEST_P(Transcript, Cram)
 	EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << "cram (python3-cram) failed on " << copy;
 }
 
-INSTANTIATE_TEST_SUITE_P(Compat, Transcript, ::testing::ValuesIn(transcripts()),
-	[](const ::testing::TestParamInfo<std::string> &info) {
-		std::string name = info.param;
-		std::replace(name.begin(), name.end(), '/', '_');
-		return name;
-	});
+std::vector<std::filesystem::path> transcripts()
+{
+	std::vector<std::filesystem::path> all;
+	for (auto &e : std::filesystem::recursive_directory_iterator(GWCONF_TEST_DATA))
+		if (e.path().extension() == ".t")
+			all.push_back(e.path());
+	return std::sort(all.begin(), all.end()), all;
+}
+
+INSTANTIATE_TEST_SUITE_P(Compat, Transcript, ::testing::ValuesIn(transcripts()), [](const auto &info) {
+	return info.param.parent_path().filename().string() + "_" + info.param.stem().string();
+});
 
 } // namespace

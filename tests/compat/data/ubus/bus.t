@@ -1,15 +1,13 @@
 The bus as its users see it: the ubus tool on a bus daemon of its own, with the test server's objects test and
 test.any. A listener started before the server shows the daemon's own events.
 
-  $ S=$PWD/ubus.sock; ubus() { command ubus -s "$S" "$@"; }
-  $ up() { until ubus list >/dev/null 2>&1 || [ $? != 255 ]; do sleep .02; done; }
-  $ ubusd -s "$S" >/dev/null 2>&1 & d=$!
-  $ up; stat -c %a "$S"
+  $ S=$PWD/ubus.sock; mkdir bin; w() { timeout 5 sh -c "until $1; do sleep .02; done"; }
+  $ printf '#!/bin/sh\nPATH=%s exec ubus -s %s "$@"\n' "$PATH" "$S" >bin/ubus; chmod +x bin/ubus; PATH=$PWD/bin:$PATH
+  $ ubusd -s "$S" >/dev/null 2>&1 & d=$!; w 'ubus list >/dev/null 2>&1 || [ $? != 255 ]'; stat -c %a "$S"
   666
-  $ ubus listen ubus.object.add probe >events 2>&1 & l=$!
-  $ until grep -q probe events; do ubus send probe; sleep .02; done
-  $ GWCONF_UBUS_TEST_SERVER=$S $TEST_SERVER & s=$!
-  $ ubus -t 5 wait_for test test.any; kill $l; grep -v probe events
+  $ ubus listen ubus.object.add probe >events 2>&1 & l=$!; w 'ubus send probe; grep -qs probe events'
+  $ GWCONF_UBUS_TEST_SERVER=$S $TEST_SERVER & s=$!; w '[ "$(grep -c object.add events)" = 2 ]'; kill $l
+  $ grep -v probe events
   { "ubus.object.add": {"id":-?[0-9]+,"path":"test.any"} } (re)
   { "ubus.object.add": {"id":-?[0-9]+,"path":"test"} } (re)
 
@@ -20,9 +18,6 @@ Listings: all objects, a prefix, one path; with -v the methods and their argumen
   test.any
   test.any
   test
-  $ ubus list 'nothing*'
-  Command failed: Not found
-  [4]
   $ ubus -v list test
   'test' @[0-9a-f]{8} (re)
   \t"echo":{"a":"Array","t":"Table","s":"String","i64":"(unknown)","i":"Integer","i16":"(unknown)","b":"Boolean","d":"(unknown)","u":"(unknown)"} (esc)
@@ -34,25 +29,20 @@ Listings: all objects, a prefix, one path; with -v the methods and their argumen
   \t"big":{} (esc)
   \t"call":{"path":"String","method":"String"} (esc)
   \t"notify":{} (esc)
-  $ ubus -S -v list test.any
-  test.any
 
 Calls: the reply pretty-printed, or compact with -S; JSON as json-c reads it (the last of two equal keys, text
 after the document ignored); several replies, none, a deferred one; a nameless method takes every call; a handler
 that calls an object of another server while its own caller waits.
 
-  $ ubus call test echo '{"id":1,"msg":"x","extra":[true,null,1.5,{"t":{}}]}'
+  $ ubus call test echo '{"id":1,"a":[true,null,1.5,{}]}'
   {
   \t"id": 1, (esc)
-  \t"msg": "x", (esc)
-  \t"extra": [ (esc)
+  \t"a": [ (esc)
   \t\ttrue, (esc)
   \t\tnull, (esc)
   \t\t1.500000, (esc)
   \t\t{ (esc)
-  \t\t\t"t": { (esc)
-  \t\t\t\t (esc)
-  \t\t\t} (esc)
+  \t\t\t (esc)
   \t\t} (esc)
   \t] (esc)
   }
@@ -71,8 +61,8 @@ that calls an object of another server while its own caller waits.
 The monitor shows the messages passing the daemon, here a call (-m invoke) coming in and going out to the server.
 
   $ ubus -m invoke monitor >mon 2>&1 & m=$!
-  $ until grep -q '^<-.*echo' mon; do ubus call test echo '{"m":1}' >/dev/null; sleep .02; done
-  $ until grep -A1 '^<-.*echo' mon | grep -q '^->'; do sleep .02; done; kill $m; grep -m1 -A1 '^<-' mon; rm mon
+  $ w "ubus call test echo '{\"m\":1}' >/dev/null; grep -qs '^<-.*echo' mon"
+  $ w "grep -s -A1 '^<-.*echo' mon | grep -q '^->'"; kill $m; grep -m1 -A1 '^<-' mon; rm mon
   <- [0-9a-f]{8} #[0-9a-f]{8}         invoke: \{"objid":-?[0-9]+,"method":"echo","data":\{"m":1\}\} (re)
   -> [0-9a-f]{8} #[0-9a-f]{8}         invoke: \{"objid":-?[0-9]+,"method":"echo","user":"root","group":"root","data":\{"m":1\}\} (re)
 
@@ -98,54 +88,40 @@ Failures: the message and exit code scripts see (the status negated), with -S th
   $ ubus call test echo '[1]'
   Command failed: ubus call test echo [1] (Parsing message data failed)
   [244]
-  $ ubus call test multi '{"code":8}'
+  $ ubus call test multi '{"code":8}' >/dev/null
   Command failed: ubus call test multi {"code":8} (Operation not supported)
-  {
-  \t"n": 1 (esc)
-  }
-  {
-  \t"n": 2 (esc)
-  }
   [248]
   $ ubus -S call test nope; echo $?; ubus -S call test status '{"code":-1}'; echo $?; ubus -S call test echo no
   3
   255
   [12]
-  $ ubus -s "$PWD/absent.sock" list
-  Failed to connect to ubus
-  [255]
   $ ubus send ubus.object.add '{}'
   Command failed: Permission denied
   [6]
-  $ ubus send demo not_json
-  Command failed: Parsing message data failed
-  [12]
 
 Time limits are kept: a call nobody answers, an object that never comes.
 
-  $ timeout 5 ubus -s "$S" -t 1 call test hang
+  $ timeout 5 ubus -t 1 call test hang
   Command failed: ubus call test hang (Request timed out)
   [249]
-  $ timeout 5 ubus -s "$S" -t 1 wait_for test.none
+  $ timeout 5 ubus -t 1 wait_for test.none
   Command failed: Request timed out
   [7]
 
 Events reach the listeners whose pattern matches; a subscriber gets the notifications of its object.
 
-  $ ubus listen 'net.*' >events 2>&1 & l=$!
-  $ until grep -q net.probe events; do ubus send net.probe; sleep .02; done
+  $ ubus listen 'net.*' >events 2>&1 & l=$!; w 'ubus send net.probe; grep -qs net.probe events'
   $ ubus send disk.full '{}'; ubus send net.up '{"if":"wan"}'
-  $ until grep -q net.up events; do sleep .02; done; kill $l; grep -v probe events
+  $ w 'grep -qs net.up events'; kill $l; grep -v probe events
   { "net.up": {"if":"wan"} }
   $ ubus subscribe test >notes 2>&1 & n=$!
-  $ until ubus -S call test notify '{"x":1}' | grep -q '"active":true'; do sleep .02; done
-  $ kill $n; sort -u notes
+  $ w "ubus -S call test notify '{\"x\":1}' | grep -q '\"active\":true'"; kill $n; sort -u notes
   { "hello": {"x":1} }
 
 A reply above the message limit costs the server its connection (the caller waits out its time); the server
 reconnects and is served again. So after a restart of the daemon.
 
-  $ timeout 5 ubus -s "$S" -t 1 call test big
+  $ timeout 5 ubus -t 1 call test big
   Command failed: ubus call test big (Request timed out)
   [249]
   $ ubus -t 5 wait_for test; ubus -S call test echo '{"back":1}'
@@ -153,23 +129,19 @@ reconnects and is served again. So after a restart of the daemon.
   $ kill $d; wait $d; ubus list
   Failed to connect to ubus
   [255]
-  $ ubusd -s "$S" >/dev/null 2>&1 & d=$!
-  $ up; ubus -t 5 wait_for test; ubus -S call test echo '{"again":1}'
+  $ ubusd -s "$S" >/dev/null 2>&1 & d=$!; w 'ubus -t 1 wait_for test 2>/dev/null'; ubus -S call test echo '{"again":1}'
   {"again":1}
 
   $ kill $s $d; wait; ls
+  bin
   events
   notes
 
 The daemon's own errors.
 
-  $ ubusd -x
+  $ (ubusd -x; echo "[$?]") 2>&1 | sed -n '1,2p;$p'
   ubusd: invalid option -- 'x'
   Usage: ubusd [<options>]
-  Options: 
-    -A <path>:\t\tSet the path to ACL files (esc)
-    -s <socket>:\t\tSet the unix domain socket to listen on (esc)
-  
   [1]
   $ ubusd -s "$PWD/no/such/sock"
   usock: No such file or directory

@@ -2,8 +2,7 @@ How a commit reaches the disk, as strace shows it: the package loaded under shar
 touches locked, the new file written beside the config and synced, a journal of the step, the rename, and only
 then the delta file emptied; a save appends its lines under the lock of the delta file and syncs them.
 
-  $ T=$PWD; mkdir conf save; printf 'config a n\n' > conf/t; chmod 640 conf/t
-  $ uci() { command uci -c "$T/conf" -t "$T/save" -C '' "$@"; }
+  $ T=$PWD; mkdir conf save; printf 'config a n\n' > conf/t; chmod 640 conf/t; uci() { command uci -c "$T/conf" -t "$T/save" -C '' "$@"; }
   $ trace() { ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0 strace -f -qq -y \
   >   -e trace=flock,fsync,fdatasync,rename,ftruncate,unlink uci -c "$T/conf" -t "$T/save" -C '' "$@" 2>&1 |
   >   sed "s#$T/##g; s#conf/.t.uci-[A-Za-z0-9]\{6\}#conf/.t.uci-XXXXXX#g; s/)  *=/) =/"; }
@@ -30,17 +29,15 @@ then the delta file emptied; a save appends its lines under the lock of the delt
   fsync(5<save/t>) = 0
   unlink("save/.t.uci-commit") = 0
 
-The new file keeps the mode; a commit with nothing to apply leaves the file alone.
+The new file keeps the mode and a commit with nothing to apply leaves it alone; a save folder made when first
+needed takes the mode of the config folder, a delta file that of its config.
 
   $ stat -c '%a %s' conf/t; ls -i conf/t > before; uci commit t; ls -i conf/t | cmp - before
   640 29
-
-A save folder is made when first needed, with the mode of the config folder, and a delta file with the mode of
-its config.
-
   $ chmod 750 conf; uci -t "$T/fresh" set t.n.q=1; stat -c '%a %n' fresh fresh/t
   750 fresh
   640 fresh/t
+
 A symlinked config keeps its link; changes found in another folder (-p) are applied but left there.
 
   $ mv conf/t conf/real; ln -s real conf/t; mkdir extra; echo "t.n.e='1'" > extra/t
@@ -53,17 +50,6 @@ A symlinked config keeps its link; changes found in another folder (-p) are appl
   \toption y '2' (esc)
   
   t.n.e='1'
-
-An override folder (-C) takes the commit when it holds the package.
-
-  $ mkdir over; printf 'config a o\n' > over/t; command uci -c "$T/conf" -t "$T/save" -C "$T/over" set t.o.z=3
-  $ command uci -c "$T/conf" -t "$T/save" -C "$T/over" commit t; cat over/t; uci get t.o
-  
-  config a 'o'
-  \toption z '3' (esc)
-  
-  uci: Entry not found
-  [1]
 
 Two writers at once, each committing its own numbered items one by one: none is lost, none is doubled.
 

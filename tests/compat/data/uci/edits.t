@@ -1,8 +1,7 @@
-Every edit with the line it saves in the delta file, the changes as the tool lists them, and the file a commit
-writes (package t); then a hand-written delta file with every prefix and every form the reader skips (package d).
+Every edit with the line it saves in the delta file and the file a commit writes (package t); then a hand-written
+delta file with every prefix, as the tool lists it, and the forms the reader skips (package d).
 
-  $ T=$PWD; cp -R "$DATA/uci/edits" conf; mv conf/save save
-  $ uci() { command uci -c "$T/conf" -t "$T/save" -C '' "$@"; }
+  $ T=$PWD; cp -R "$DATA/uci/edits" conf; mv conf/save save; uci() { command uci -c "$T/conf" -t "$T/save" -C '' "$@"; }
 
   $ uci set t.n.x=5; uci set t.n.x=5; uci set t.n.new=it\'s; uci set t.m=c; uci set t.k=iface; cat save/t
   t.n.x='5'
@@ -26,25 +25,6 @@ writes (package t); then a hand-written delta file with every prefix and every f
   [1]
   $ uci add t c; uci rename 't.@c[0]=named'; uci reorder t.named=0; uci reorder t.named=0; uci reorder t.k=-5
   cfg04b608
-  $ uci changes t
-  t.n.x='5'
-  t.n.new='it'\''s'
-  t.m='c'
-  t.k='iface'
-  -t.k
-  t.n.l+='c'
-  t.n.s+='x'
-  t.n.e+=''
-  t.n.l-='a'
-  t.n.l-='zz'
-  -t.n.l
-  -t.n.new
-  t.n.x='y'
-  t.n='k'
-  t.cfg04b608='c'
-  t.m='named'
-  t.named='0'
-  t.k='-5'
 A revert takes out the lines that name what it reverts; a rename line names the section it renames.
 
   $ uci revert t.named; uci revert t.k; cat save/t
@@ -78,9 +58,9 @@ A revert takes out the lines that name what it reverts; a rename line names the 
   $ uci delete t.k; uci delete 't.@c[0]'; uci delete 't.@c[-1]'; uci commit t; cat conf/t
   
 
-The hand-written delta file: values quoted in every way; list, rename and reorder lines; and the lines the reader
-skips (a value after the quotes, another package, @type[n], no value where one is needed, an invalid name, a
-missing section).
+The hand-written delta file (save/d): values quoted in every way; list, rename and reorder lines; and the lines
+the reader skips (a value after the quotes, another package, @type[n], no value where one is needed, an invalid
+name, a missing section).
 
   $ uci changes d
   d.n.x='5'
@@ -96,18 +76,6 @@ missing section).
   d.m='mm'
   d.mm='0'
   d.nosuch.x='1'
-  $ uci show d
-  d.mm=a
-  d.n=a
-  d.n.x='5'
-  d.n.l='c' 'd'
-  d.n.y='unquoted'
-  d.n.z='double "q"'
-  d.n.w='it'\''s'
-  d.@b[0]=b
-  d.@b[0].z='3'
-  d.@a[2]=a
-  d.@a[2].k='v'
 
 A revert leaves alone a delta file with a line it cannot parse; a commit applies what the reader takes.
 
@@ -131,3 +99,13 @@ A revert leaves alone a delta file with a line it cannot parse; a commit applies
   config a
   \toption k 'v' (esc)
   
+
+Within one process the edits keep the index of section names: a renamed section is found under its new name
+only. Two sections may share a name (a saved rename says so): the first in file order is found, and once it is
+deleted the other one.
+
+  $ printf '%s\n' 'get s.a' 'delete s.a' 'get s.a' 'rename s.b=c2' 'get s.b' 'get s.c2' | uci batch
+  x
+  z
+  uci: Entry not found
+  y
