@@ -31,7 +31,6 @@ struct TempDir {
 		path = mkdtemp(tmpl) ? tmpl : "";
 	}
 	~TempDir() { std::filesystem::remove_all(path); }
-	TempDir(const TempDir &) = delete;
 	std::string path;
 };
 

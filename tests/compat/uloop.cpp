@@ -130,9 +130,8 @@ TEST_F(Uloop, ChildrenAndSignals)
 	uloop_timeout_set(&t, 5);
 	EXPECT_EQ(run(), "u");
 	EXPECT_EQ(uloop_signal_delete(&usr), 0);
-	struct sigaction sa;
-	sigaction(SIGUSR1, nullptr, &sa);
-	EXPECT_EQ(sa.sa_handler, SIG_DFL);
+	struct sigaction sa{};
+	EXPECT_TRUE(sigaction(SIGUSR1, nullptr, &sa) == 0 && sa.sa_handler == SIG_DFL);
 
 	// SIGTERM ends the run with its number; a cancel from before a run is forgotten when it starts.
 	t.cb = [](uloop_timeout *) { kill(getpid(), SIGTERM); };

@@ -6,7 +6,7 @@ test.any. A listener started before the server shows the daemon's own events.
   $ ubusd -s "$S" >/dev/null 2>&1 & d=$!; w 'ubus list >/dev/null 2>&1 || [ $? != 255 ]'; stat -c %a "$S"
   666
   $ ubus listen ubus.object.add probe >events 2>&1 & l=$!; w 'ubus send probe; grep -qs probe events'
-  $ GWCONF_UBUS_TEST_SERVER=$S $TEST_SERVER & s=$!; w '[ "$(grep -c object.add events)" = 2 ]'; kill $l
+  $ GWCONF_UBUS_TEST_SERVER=$S $TEST_SERVER >/dev/null 2>&1 & s=$!; w '[ "$(grep -c object.add events)" = 2 ]'; kill $l
   $ grep -v probe events
   { "ubus.object.add": {"id":-?[0-9]+,"path":"test.any"} } (re)
   { "ubus.object.add": {"id":-?[0-9]+,"path":"test"} } (re)
@@ -31,8 +31,8 @@ Listings: all objects, a prefix, one path; with -v the methods and their argumen
   \t"notify":{} (esc)
 
 Calls: the reply pretty-printed, or compact with -S; JSON as json-c reads it (the last of two equal keys, text
-after the document ignored); several replies, none, a deferred one; a nameless method takes every call; a handler
-that calls an object of another server while its own caller waits.
+after the document ignored); several replies, none, a deferred one; a nameless method takes every call (and tells
+the objects its server saw added); a handler that calls an object of another server while its own caller waits.
 
   $ ubus call test echo '{"id":1,"a":[true,null,1.5,{}]}'
   {
@@ -53,10 +53,10 @@ that calls an object of another server while its own caller waits.
   {"n":2}
   {"late":true}
   $ ubus -S call test.any whatever
-  {"user":"root","object":"test.any","method":"whatever","id":true}
-  $ GWCONF_UBUS_TEST_SERVER=$S GWCONF_UBUS_TEST_NAME=peer $TEST_SERVER & p=$!
+  {"user":"root","object":"test.any","method":"whatever","id":true,"added":" test.any test"}
+  $ GWCONF_UBUS_TEST_SERVER=$S GWCONF_UBUS_TEST_NAME=peer $TEST_SERVER >/dev/null 2>&1 & p=$!
   $ ubus -t 5 wait_for peer; ubus -S call test call '{"path":"peer.any","method":"nested"}'; kill $p
-  {"user":"root","object":"peer.any","method":"nested","id":true}
+  {"user":"root","object":"peer.any","method":"nested","id":true,"added":" peer.any peer"}
 
 The monitor shows the messages passing the daemon, here a call (-m invoke) coming in and going out to the server.
 
@@ -136,8 +136,6 @@ reconnects and is served again. So after a restart of the daemon.
   bin
   events
   notes
-
-The daemon's own errors.
 
   $ (ubusd -x; echo "[$?]") 2>&1 | sed -n '1,2p;$p'
   ubusd: invalid option -- 'x'

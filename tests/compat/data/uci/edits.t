@@ -1,5 +1,4 @@
-Every edit with the line it saves in the delta file and the file a commit writes (package t); then a hand-written
-delta file with every prefix, as the tool lists it, and the forms the reader skips (package d).
+Every edit with the line it saves in the delta file, and the file a commit writes.
 
   $ T=$PWD; cp -R "$DATA/uci/edits" conf; mv conf/save save; uci() { command uci -c "$T/conf" -t "$T/save" -C '' "$@"; }
 

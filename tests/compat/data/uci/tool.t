@@ -1,6 +1,5 @@
-The uci tool's commands and options beyond single edits (files in tool/): names in any case and short, lenient
-parsing, batch, the save directories, names of anonymous sections, import, packages named by path, and its
-exit codes and messages.
+The uci tool beyond single edits (files in tool/): command names in any case and short, lenient parsing, batch,
+exit codes and messages, the save directories, names of anonymous sections, import, packages named by path.
 
   $ T=$PWD; cp -R "$DATA/uci/tool" conf; mkdir save; uci() { command uci -c "$T/conf" -t "$T/save" -C '' "$@"; }
 
