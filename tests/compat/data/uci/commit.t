@@ -51,10 +51,10 @@ A symlinked config keeps its link; changes found in another folder (-p) are appl
   
   t.n.e='1'
 
-Two writers at once, each committing its own numbered items one by one: none is lost, none is doubled.
+Three writers at once, each committing its own items one by one: none is lost, none is doubled.
 
   $ rm conf/t; printf 'config a n\n' > conf/t
-  $ for w in a b; do (for i in $(seq 25); do uci add_list t.n.l=$w$i && uci commit t || echo failed; done) & done; wait
-  $ for w in a b; do uci get t.n.l | tr ' ' '\n' | grep "^$w" | paste -sd ' '; done; cat save/t
-  a1 a2 a3 a4 a5 a6 a7 a8 a9 a10 a11 a12 a13 a14 a15 a16 a17 a18 a19 a20 a21 a22 a23 a24 a25
-  b1 b2 b3 b4 b5 b6 b7 b8 b9 b10 b11 b12 b13 b14 b15 b16 b17 b18 b19 b20 b21 b22 b23 b24 b25
+  $ for w in a b c; do (for i in $(seq 40); do uci add_list t.n.l=$w$i && uci commit t || echo failed; done) & done; wait
+  $ uci get t.n.l | tr ' ' '\n' | sort -u | wc -l; uci get t.n.l | wc -w; cat save/t
+  120
+  120
