@@ -291,7 +291,10 @@ d > 0001 0004 aabbccdd 0000000c 01000008 fffffff9
 	ASSERT_EQ(ubus_lookup_id(ctx, "demo", &id), 0);
 	EXPECT_EQ(id, 0xaabbccddu);
 	static std::vector<std::string> got;
-	auto collect = [](ubus_request *, int, blob_attr *m) { got.push_back(blobmsg_format_json(m, true)); };
+	auto collect = [](ubus_request *, int, blob_attr *m) {
+		char *s = blobmsg_format_json(m, true);
+		got.push_back(s), free(s);
+	};
 	EXPECT_EQ(ubus_invoke(ctx, id, "echo", nullptr, collect, nullptr, 2000), UBUS_STATUS_INVALID_ARGUMENT);
 	EXPECT_EQ(ubus_invoke(ctx, id, "echo", nullptr, collect, nullptr, 2000), -7);
 	EXPECT_EQ(got, std::vector<std::string>{"{\"id\":2}"});
