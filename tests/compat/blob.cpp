@@ -129,7 +129,7 @@ TEST(Blob, ParseRules)
 		std::vector<blobmsg_policy> policy;
 		int cut, ret;
 		std::vector<std::string> tb;
-		bool array;
+		bool array = false;
 	} cases[] = {
 		{[](blob_buf *b) { blobmsg_add_u32(b, "k", 1); blobmsg_add_u32(b, "k", 2); },
 		 {{"k", BLOBMSG_TYPE_INT32}}, 0, 0, {"i32:1"}},

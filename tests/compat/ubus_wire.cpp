@@ -67,8 +67,8 @@ Bytes recv(int fd, int ms = 2000)	// one frame; nothing when none comes within m
 // Plays a table of frames; a connection named for the first time comes from open().
 struct Player {
 	std::function<int()> open;
-	std::map<std::string, Bytes> vars;
-	std::map<char, int> fds;
+	std::map<std::string, Bytes> vars = {};
+	std::map<char, int> fds = {};
 	~Player()
 	{
 		for (auto &[name, fd] : fds)
