@@ -16,6 +16,7 @@ extern "C" {
 #include <map>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -203,6 +204,7 @@ TEST(Daemon, Frames)
 	std::string sock = dir.path + "/ubus.sock";
 	pid_t pid = fork();
 	if (pid == 0) {
+		prctl(PR_SET_PDEATHSIG, SIGKILL);	// it goes with the test, whatever happens to the test
 		execl(GWCONF_BIN_DIR "/ubusd", "ubusd", "-s", sock.c_str(), nullptr);
 		_exit(127);
 	}
