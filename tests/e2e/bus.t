@@ -40,20 +40,16 @@ again, and nothing of the start-up runs again.
 
   $ bus_end TERM; wait_until logged 1 ubus_connection_lost; bus; registered
   $ bus_end KILL; wait_until logged 2 ubus_connection_lost; bus; registered
-  $ ubus call RTIptv test
-  {
-  	"result": true
-  }
+  $ ubus -S call RTIptv test
+  {"result":true}
 
 A bus daemon back before gwconfd notices the loss (gwconfd stopped meanwhile): the reconnect from the loss
 callback succeeds at once, keeps the descriptor number of the old socket, and the objects still answer; the next
 loss is noticed as well.
 
   $ kill -STOP $GW; bus_end TERM; bus; kill -CONT $GW; wait_until logged 3 ubus_connection_lost; registered
-  $ ubus -t 5 call RTIptv test
-  {
-  	"result": true
-  }
+  $ ubus -S -t 5 call RTIptv test
+  {"result":true}
   $ bus_end TERM; wait_until logged 4 ubus_connection_lost; bus; registered
   $ journal
   $ stop

@@ -3,10 +3,8 @@ package network, takes the two ports out of the LAN, adds the four DNS rules of 
 network once, a second after the change. A VLAN id past 4094 is refused.
 
   $ . $E2E/lib.sh; up; journal > /dev/null
-  $ ubus call RTIptv setIptv '{"enable":1,"vlanId":100,"vlan1":1,"vlan2":0,"vlan3":1,"type":1}'
-  {
-  	"result": true
-  }
+  $ ubus -S call RTIptv setIptv '{"enable":1,"vlanId":100,"vlan1":1,"vlan2":0,"vlan3":1,"type":1}'
+  {"result":true}
   $ journal
   uci set network.iptv=interface
   uci commit network
@@ -26,21 +24,9 @@ network once, a second after the change. A VLAN id past 4094 is refused.
   network.iptv.type='bridge'
   network.iptv.ifname='lan1.100' 'lan3.100' 'eth1.100'
   network.device.ifname='lan2'
-  $ ubus call RTIptv getIptvInfo
-  {
-  	"params": {
-  		"enable": 1,
-  		"vlanId": 100,
-  		"vlan1": 1,
-  		"vlan2": 0,
-  		"vlan3": 1,
-  		"type": 1
-  	},
-  	"result": true
-  }
-  $ ubus call RTIptv setIptv '{"enable":1,"vlanId":4095,"vlan1":1,"vlan2":0,"vlan3":0,"type":0}'
-  {
-  	"result": false
-  }
+  $ ubus -S call RTIptv getIptvInfo
+  {"params":{"enable":1,"vlanId":100,"vlan1":1,"vlan2":0,"vlan3":1,"type":1},"result":true}
+  $ ubus -S call RTIptv setIptv '{"enable":1,"vlanId":4095,"vlan1":1,"vlan2":0,"vlan3":0,"type":0}'
+  {"result":false}
   $ sleep 2; journal
   $ stop

@@ -3,14 +3,10 @@ section, the journal and the kernel's bridge and IPv6 FORWARD rules, and back ou
 refused.
 
   $ . $E2E/lib.sh; up; journal > /dev/null
-  $ ubus call RTMacFilter setMacFilter '{"enable":1,"model":1}'
-  {
-  	"result": true
-  }
-  $ ubus call RTMacFilter addMacFilterList '{"enable":1,"model":1,"macList":{"name":"tv","mac":"aa:bb:cc:dd:ee:01"}}'
-  {
-  	"result": true
-  }
+  $ ubus -S call RTMacFilter setMacFilter '{"enable":1,"model":1}'
+  {"result":true}
+  $ ubus -S call RTMacFilter addMacFilterList '{"enable":1,"model":1,"macList":{"name":"tv","mac":"aa:bb:cc:dd:ee:01"}}'
+  {"result":true}
   $ journal
   /etc/init.d/firewall reload
   ebtables -I FORWARD 1 -s AA:BB:CC:DD:EE:01 -j DROP
@@ -44,17 +40,10 @@ refused.
   $ real ip6tables -S FORWARD
   -P FORWARD ACCEPT
   -A FORWARD -m mac --mac-source aa:bb:cc:dd:ee:01 -j DROP
-  $ ubus call RTMacFilter addMacFilterList '{"enable":1,"model":1,"macList":{"name":"telly","mac":"AA:BB:CC:DD:EE:01"}}'
-  {
-  	"error": {
-  		"code": 713469952
-  	},
-  	"result": false
-  }
-  $ ubus call RTMacFilter delMacFilterList '{"enable":1,"model":1,"macList":{"name":"tv","mac":"AA:BB:CC:DD:EE:01"}}'
-  {
-  	"result": true
-  }
+  $ ubus -S call RTMacFilter addMacFilterList '{"enable":1,"model":1,"macList":{"name":"telly","mac":"AA:BB:CC:DD:EE:01"}}'
+  {"error":{"code":713469952},"result":false}
+  $ ubus -S call RTMacFilter delMacFilterList '{"enable":1,"model":1,"macList":{"name":"tv","mac":"AA:BB:CC:DD:EE:01"}}'
+  {"result":true}
   $ journal
   ebtables -D FORWARD -s AA:BB:CC:DD:EE:01 -j DROP
   ip6tables -D FORWARD -m mac --mac-source AA:BB:CC:DD:EE:01 -j DROP

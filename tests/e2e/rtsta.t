@@ -6,41 +6,21 @@ meanwhile is answered afterwards. Resumed, its late answers do no harm.
   $ printf "config macfilter 'main'\n\toption enabled '1'\n\toption curmode 'deny'\nconfig filter 'blacklist'\n\tlist deny '%s'\n" AA:BB:CC:DD:EE:01/tv AA:BB:CC:DD:EE:02/pc > /etc/config/macFilter
   $ up
   $ bus_tool rtsta /tmp/calls AA:BB:CC:DD:EE:01=sta-01 > /tmp/rtsta.out 2>&1 & RTSTA=$!; ubus -t 5 wait_for RTSta
-  $ ubus call zelmad.macfilter getMacFilter
-  {
-  	"zelmad.macfilter": {
-  		"macFilterEnable": 1,
-  		"macFilterPolicy": 0,
-  		"macFilterEntries": "AABBCCDDEE01/sta-01,AABBCCDDEE02/pc"
-  	}
-  }
+  $ ubus -S call zelmad.macfilter getMacFilter
+  {"zelmad.macfilter":{"macFilterEnable":1,"macFilterPolicy":0,"macFilterEntries":"AABBCCDDEE01/sta-01,AABBCCDDEE02/pc"}}
   $ kill -STOP $RTSTA; t0=$(date +%s%N)
   $ (sleep 0.3; ubus call RTIptv getIptvInfo > /dev/null; echo "RTIptv answered with status $?" > /tmp/other) & OTHER=$!
-  $ ubus call zelmad.macfilter getMacFilter
-  {
-  	"zelmad.macfilter": {
-  		"macFilterEnable": 1,
-  		"macFilterPolicy": 0,
-  		"macFilterEntries": "AABBCCDDEE01/tv,AABBCCDDEE02/pc"
-  	}
-  }
+  $ ubus -S call zelmad.macfilter getMacFilter
+  {"zelmad.macfilter":{"macFilterEnable":1,"macFilterPolicy":0,"macFilterEntries":"AABBCCDDEE01/tv,AABBCCDDEE02/pc"}}
   $ took $t0 2000 4000
   within 2000-4000 ms
   $ wait $OTHER; cat /tmp/other
   RTIptv answered with status 0
   $ kill -CONT $RTSTA
-  $ ubus call RTMacFilter addMacFilterList '{"enable":1,"model":1,"macList":{"name":"cam","mac":"AA:BB:CC:DD:EE:03"}}'
-  {
-  	"result": true
-  }
-  $ ubus call zelmad.macfilter getMacFilter
-  {
-  	"zelmad.macfilter": {
-  		"macFilterEnable": 1,
-  		"macFilterPolicy": 0,
-  		"macFilterEntries": "AABBCCDDEE01/sta-01,AABBCCDDEE02/pc,AABBCCDDEE03/cam"
-  	}
-  }
+  $ ubus -S call RTMacFilter addMacFilterList '{"enable":1,"model":1,"macList":{"name":"cam","mac":"AA:BB:CC:DD:EE:03"}}'
+  {"result":true}
+  $ ubus -S call zelmad.macfilter getMacFilter
+  {"zelmad.macfilter":{"macFilterEnable":1,"macFilterPolicy":0,"macFilterEntries":"AABBCCDDEE01/sta-01,AABBCCDDEE02/pc,AABBCCDDEE03/cam"}}
   $ cat /tmp/calls
   getStaDevName AA:BB:CC:DD:EE:01
   getStaDevName AA:BB:CC:DD:EE:02

@@ -3,10 +3,8 @@ the firewall reloaded, and the UPnP service enabled and started; the lease list 
 switch value other than 0 and 1 is refused.
 
   $ . $E2E/lib.sh; up; journal > /dev/null
-  $ ubus call RTUpnp setUpnpStatus '{"Enable":1}'
-  {
-  	"result": true
-  }
+  $ ubus -S call RTUpnp setUpnpStatus '{"Enable":1}'
+  {"result":true}
   $ journal
   uci set firewall.dmzupnpdomain=include
   uci set firewall.dmzupnpdomain.path=/usr/bin/dmzupnp.sh
@@ -23,25 +21,9 @@ switch value other than 0 and 1 is refused.
   firewall.dmzupnpdomain.reload='1'
   firewall.dmzupnpdomain.type='script'
   $ echo 'TCP:8080:192.168.1.20:80:1700000000:web' > /var/run/miniupnpd.leases
-  $ ubus call RTUpnp getUpnpStatus
-  {
-  	"params": {
-  		"Enable": 1,
-  		"List": [
-  			{
-  				"Description": "web",
-  				"ExternalPort": 8080,
-  				"InternalIP": "192.168.1.20",
-  				"InternalPort": 80,
-  				"Protocol": 0
-  			}
-  		]
-  	},
-  	"result": true
-  }
-  $ ubus call RTUpnp setUpnpStatus '{"Enable":2}'
-  {
-  	"result": false
-  }
+  $ ubus -S call RTUpnp getUpnpStatus
+  {"params":{"Enable":1,"List":[{"Description":"web","ExternalPort":8080,"InternalIP":"192.168.1.20","InternalPort":80,"Protocol":0}]},"result":true}
+  $ ubus -S call RTUpnp setUpnpStatus '{"Enable":2}'
+  {"result":false}
   $ journal
   $ stop

@@ -7,10 +7,8 @@ address is refused.
   $ . $E2E/lib.sh; real iptables -D INPUT -j WanPortMapINPUT; real iptables -X WanPortMapINPUT
   $ echo 'the log of an earlier apply' > /tmp/wanPortMap.log
   $ up; journal > /dev/null
-  $ ubus call RTWanPortMap setWanPortMap '{"Enabled":1,"InPort":22,"ExPort":2222,"RemoteAddr":"192.168.5.7"}'
-  {
-  	"result": true
-  }
+  $ ubus -S call RTWanPortMap setWanPortMap '{"Enabled":1,"InPort":22,"ExPort":2222,"RemoteAddr":"192.168.5.7"}'
+  {"result":true}
   $ uci export WanPortMap
   package WanPortMap
   
@@ -44,14 +42,10 @@ address is refused.
   -A WanPortMapPREROUTING -s 192.168.5.7/32 -p tcp -m tcp --dport 2222 -j REDIRECT --to-ports 22
   -N WanPortMapINPUT
   -A WanPortMapINPUT -s 192.168.5.7/32 -p tcp -m tcp --dport 22 -m mark --mark 0x8888 -j ACCEPT
-  $ ubus call RTWanPortMap setWanPortMap '{"Enabled":1,"InPort":22,"ExPort":2222,"RemoteAddr":"1.2.3"}'
-  {
-  	"result": false
-  }
-  $ ubus call RTWanPortMap setWanPortMap '{"Enabled":0,"InPort":22,"ExPort":2222}'
-  {
-  	"result": true
-  }
+  $ ubus -S call RTWanPortMap setWanPortMap '{"Enabled":1,"InPort":22,"ExPort":2222,"RemoteAddr":"1.2.3"}'
+  {"result":false}
+  $ ubus -S call RTWanPortMap setWanPortMap '{"Enabled":0,"InPort":22,"ExPort":2222}'
+  {"result":true}
   $ sleep 2; sed "s/$GW/\$GW/" /tmp/wanPortMap.log
   $GW
   $ for t in mangle:WanPortMapPREROUTING nat:WanPortMapPREROUTING filter:WanPortMapINPUT; do real iptables -t ${t%:*} -S ${t#*:}; done
