@@ -5,7 +5,7 @@ call with one DNS rule of each member's four.
 
   $ gwcall --init
   $ iptv() { gwcall --uci export iptv | sed -n "s/.*option [a-z0-9]* '\(.*\)'/\1/p" | xargs; }
-  $ net() { gwcall --uci show network | grep "iptv.ifname\|device.ifname"; }
+  $ net() { for s in device iptv; do gwcall --uci get network.$s.ifname 2>/dev/null | sed "s/^/$s: /"; done; }
   $ j() { gwcall -S "$@" | grep -v -e "--ip-proto udp" -e "--ip6-proto"; }
 
 Off by default, and nothing runs at start. LAN ports 1 and 3 join VLAN 100 tagged (type 1): section iptv made
@@ -34,8 +34,8 @@ rules per member, the network reload last.
   run: /etc/init.d/network reload
   $ iptv && net
   1 100 1 0 1 1 0 0
-  network.device.ifname='lan2'
-  network.iptv.ifname='lan1.100' 'lan3.100' 'eth1.100'
+  device: lan2
+  iptv: lan1.100 lan3.100 eth1.100
 
 The same setting again changes nothing; a VLAN id outside 0-4094 is refused; a missing or mistyped argument ends
 the call without a reply (status -1).
@@ -77,12 +77,12 @@ VLAN device's removal is only logged. Off to off with other ports stores them an
   run: /etc/init.d/network reload
   $ iptv && net
   0 100 1 0 1 1 0 0
-  network.device.ifname='lan2' 'lan1' 'lan3'
+  device: lan2 lan1 lan3
   $ gwcall -S RTIptv setIptv '{"enable":0,"vlanId":7,"vlan1":0,"vlan2":1,"vlan3":0,"type":0}'
   {"result":true}
   $ iptv && net
   0 7 0 1 0 0 0 0
-  network.device.ifname='lan2' 'lan1' 'lan3'
+  device: lan2 lan1 lan3
 
 On untagged, then another VLAN on another port: the old member's rules out, the new one's in. The highest VLAN
 id; a missing vlanId is 0.
@@ -97,14 +97,14 @@ id; a missing vlanId is 0.
   timer: reloadNetworkTimer after 1000 ms
   run: /etc/init.d/network reload
   $ net
-  network.device.ifname='lan3' 'lan1'
-  network.iptv.ifname='lan2' 'eth1.200'
+  device: lan3 lan1
+  iptv: lan2 eth1.200
   $ gwcall RTIptv setIptv '{"enable":1,"vlanId":4094,"vlan1":0,"vlan2":0,"vlan3":1,"type":1}' > /dev/null
   $ gwcall --uci get network.iptv.ifname
   lan3.4094 eth1.4094
   $ gwcall RTIptv setIptv '{"enable":1,"vlan1":1,"vlan2":0,"vlan3":0,"type":0}' > /dev/null && net
-  network.device.ifname='lan2' 'lan3'
-  network.iptv.ifname='lan1' 'eth1.0'
+  device: lan2 lan3
+  iptv: lan1 eth1.0
 
 At start the stored setting's DNS rules are restored on the members that really carry the ports, with no reload.
 The getter on an incomplete package: a missing type reads 0; a missing port flag ends the table there.
@@ -135,8 +135,8 @@ is stored 2); elements past the sixth and the radio text reach no command. Off, 
   run: /etc/init.d/network reload
   $ iptv && net
   1 100 0 1 0 0 3 2
-  network.device.ifname='lan1' 'lan3'
-  network.iptv.ifname='lan2' 'eth1.100'
+  device: lan1 lan3
+  iptv: lan2 eth1.100
   $ gwcall -S zelmad.vlan getIptvVlan
   {"zelmad.vlan":{"vlanEnable":1,"vlanId":100,"iptvStatus":[{"radio":"LAN","index":2},{"radio":"2.4G","index":3},{"radio":"5G","index":2}]}}
   $ j -l zelmad.vlan setIptvVlan '{"vlanEnable":0}'
@@ -147,7 +147,7 @@ is stored 2); elements past the sixth and the radio text reach no command. Off, 
   run: /etc/init.d/network reload
   $ iptv && net
   0 0 0 0 0 0 0 0
-  network.device.ifname='lan1' 'lan3' 'lan2'
+  device: lan1 lan3 lan2
   $ gwcall -S zelmad.vlan getIptvVlan
   {"zelmad.vlan":{"vlanEnable":0,"vlanId":0,"iptvStatus":[]}}
 
@@ -164,8 +164,8 @@ The agent keeps a type stored by RTIptv.
   run: /etc/init.d/network reload
   $ iptv && net
   1 200 1 0 0 1 0 0
-  network.device.ifname='lan3' 'lan2'
-  network.iptv.ifname='lan1.200' 'eth1.200'
+  device: lan3 lan2
+  iptv: lan1.200 eth1.200
 
 An element without index or radio ends the call with status 2 and no reply, nothing changed. Elements that are no
 table take no slot; a seventh table is never looked at.
@@ -185,5 +185,5 @@ table take no slot; a seventh table is never looked at.
   $ gwcall zelmad.vlan setIptvVlan '{"vlanEnable":1,"vlanId":100,"iptvStatus":[{"radio":"LAN","index":2}]}' > /dev/null
   $ iptv && net
   1 100 1 1 0 1 2 0
-  network.device.ifname='lan3' 'lan1'
-  network.iptv.ifname='lan2.100' 'eth1.100'
+  device: lan3 lan1
+  iptv: lan2.100 eth1.100

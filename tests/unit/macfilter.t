@@ -7,8 +7,8 @@ without the ip6tables twin of each device's ebtables rule.
   $ add() { m=$1 n=$2 mac=$3; shift 3; gwcall -S "$@" RTMacFilter addMacFilterList \
   >   "{\"enable\":1,\"model\":$m,\"macList\":{\"name\":\"$n\",\"mac\":\"$mac\"}}"; }
   $ mf() { for o in main.enabled main.curmode blacklist.deny whitelist.allow; do gwcall --uci get macFilter.$o 2>/dev/null || echo; done | paste -sd'|'; }
-  $ rules() { gwcall --uci show firewall | sed -n "s/^firewall\.@rule\[\([0-9]*\)\]\.[a-z_]*='\(.*\)'$/\1 \2/p" |
-  >   awk '$1 > 6 { k = $1; sub(/^[0-9]+ /, ""); r[k] = r[k] " " $0 } END { for (i = 7; i in r; i++) print substr(r[i], 2) }'; }
+  $ rules() { gwcall --uci export firewall | awk -v RS= -v q="'" '/^config rule/ && ++n > 7 {
+  >   gsub("\n\t(option|list) [a-z_]+ " q, " "); gsub(q " ", " "); sub(q "$", ""); print substr($0, 13) }'; }
   $ no() { gwcall -S -l "$@" | paste -sd' '; }
   $ j() { gwcall -S "$@" | grep -v "^run: ip6tables .*--mac-source"; }
 
@@ -202,7 +202,7 @@ name (a stored item splits at its first blank when read back, so the section is 
   run: ip6tables -I FORWARD -m mac --mac-source ';$:(I:D):`X:`'\'':"|' -j DROP
   run: /etc/init.d/firewall reload
   $ mf && rules
-  1|deny|';$:(I:D):`X:`'\'':"|/my "tv"; $(reboot) `rm -rf /` '\''x'\'''|AA:BB:CC:DD:EE:FF/cam A1:B2:C3:D4:E5:F6/tab
+  1|deny|;$:(I:D):`X:`':"|/my "tv"; $(reboot) `rm -rf /` 'x'|AA:BB:CC:DD:EE:FF/cam A1:B2:C3:D4:E5:F6/tab
   my lan all ;$:(I:D):`X:`'\'':"| wan DROP
 
 A list holds 32 devices: with 31 stored and the filter off, the 32nd is added and ruled at once; the 33rd is

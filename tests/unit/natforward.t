@@ -110,10 +110,10 @@ another type is TCP. A Name of another type is none, and a mapping without a nam
   $ add "{\"Name\":\"it's \\\"x\\\" \$(id)$(printf 'n%.0s' $(seq 70))\",\"Protocol\":\"1\",\"InternalIP\":\"1;touch /tmp/pw; \$(id)\",\"InternalPort\":80,\"ExternalPort\":5000}"
   {"result":true}
   run: /etc/init.d/firewall reload
-  $ gwcall --uci show firewall.@redirect[-1] | grep "name\|dest_ip\|proto"
-  firewall.cfg203837.name='it'\''s "x" $(id)nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn'
-  firewall.cfg203837.proto='tcp'
-  firewall.cfg203837.dest_ip='1;touch /tmp/pw'
+  $ for o in name proto dest_ip; do gwcall --uci get firewall.@redirect[-1].$o; done
+  it's "x" $(id)nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn
+  tcp
+  1;touch /tmp/pw
   $ ids | cut -d' ' -f1
   13
   $ add '{"Name":5,"Protocol":0,"InternalIP":"10.0.0.1","InternalPort":1,"ExternalPort":5001}' > /dev/null

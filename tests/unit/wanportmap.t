@@ -39,10 +39,9 @@ From one remote address, into the first redirect section whatever its name; the 
 
   $ printf "config redirect 'fromweb'\n\nconfig redirect 'second'\n\toption InPort '1'\n" > etc/config/WanPortMap
   $ gwcall -S RTWanPortMap setWanPortMap '{"Enabled":1,"InPort":22,"ExPort":2222,"RemoteAddr":"203.0.113.7"}' > /dev/null
-  $ gwcall --uci show WanPortMap | grep 'RemoteAddr\|second'
-  WanPortMap.fromweb.RemoteAddr='203.0.113.7'
-  WanPortMap.second=redirect
-  WanPortMap.second.InPort='1'
+  $ gwcall --uci get WanPortMap.fromweb.RemoteAddr && gwcall --uci get WanPortMap.second.InPort
+  203.0.113.7
+  1
   $ grep -e "-s 203" tmp/wanPortMap.sh
   iptables -w -t mangle -A WanPortMapPREROUTING -i eth1 -p tcp --dport 2222 -s 203.0.113.7 -j MARK --set-mark 0x8888
   iptables -w -t nat -A WanPortMapPREROUTING -p tcp --dport 2222 -s 203.0.113.7 -j REDIRECT --to-ports 22

@@ -4,11 +4,12 @@
 //   gwcall --init | [-l] --start | --uci ARGS... | [-S] [-l] OBJECT METHOD ['JSON']
 //
 // --init fills ROOT/etc/config from the default configuration; --start runs the start-up steps (MAC filter, IPTV,
-// UPnP and DMZ, the WAN apply); --uci runs the uci tool on ROOT. A call prints the reply as `ubus call` does (on
+// UPnP and DMZ, the WAN apply); --uci runs a uci command on ROOT. A call prints the reply as `ubus call` does (on
 // one line with -S, as `ubus -S call`); with -l the daemon's log lines as `LEVEL [FUNCTION]MESSAGE` (errors, or the
 // level GWCONF_LOG_LEVEL names); "run: " and each command, quoted as the router's journal quotes it; then
 // "timer: NAME after N ms" and what each armed timer runs (fired at once). It exits with the bus status. Every
-// recorded command answers GWCALL_STATUS (default 0), but the uci tool (GWCALL_UCI) runs for real on ROOT.
+// recorded command answers GWCALL_STATUS (default 0), but the uci tool's commands run for real on ROOT.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +27,7 @@
 #include "busmethod.h"
 #include "gwconf.h"
 #include "routeutils/system.h"
+#include "routeutils/uci_session.h"
 
 namespace fs = std::filesystem;
 using routeutils::Command;
@@ -79,18 +81,55 @@ std::string commandLines(const std::vector<Command> &commands)
     return lines;
 }
 
-// The uci tool, run for real on the folder's configuration; any other command answers GWCALL_STATUS.
+// The uci tool's commands that the daemon and the transcripts use (get, set, add_list, delete, commit [PACKAGE],
+// export), run in this process through a configuration session of the platform, whose folders are ROOT's: nothing
+// of the host's /tmp/.uci or /var/run/uci is read, as the tool itself would (it keeps its default save folder).
+int uci(const std::vector<std::string> &args)
+{
+    routeutils::UciSession s;
+    const std::string verb = args.size() > 1 ? args[1] : "";
+    std::vector<std::string> paths(args.begin() + std::min<size_t>(args.size(), 2), args.end());
+    if (verb == "commit" && paths.empty()) {
+        char **names = nullptr;
+        uci_list_configs(s.ctx(), &names);
+        for (char **n = names; n && *n; ++n)
+            paths.emplace_back(*n);
+        std::free(names);
+    }
+    uci_context *ctx = s.ctx();
+    const bool known = verb == "get" || verb == "set" || verb == "add_list" || verb == "delete" || verb == "commit" ||
+                       verb == "export";
+    int rc = !known || paths.empty() ? UCI_ERR_INVAL : s ? UCI_OK : UCI_ERR_MEM;
+    for (size_t i = 0; i < paths.size() && rc == UCI_OK; ++i) {
+        uci_ptr p{};
+        if ((rc = uci_lookup_ptr(ctx, &p, paths[i].data(), true)) != UCI_OK)
+            break;
+        if ((verb == "get" || verb == "delete") && !(p.flags & uci_ptr::UCI_LOOKUP_COMPLETE)) {
+            rc = UCI_ERR_NOTFOUND;
+        } else if (verb == "get" && p.o == nullptr) {
+            std::printf("%s\n", p.s->type);
+        } else if (verb == "get" && p.o->type == UCI_TYPE_STRING) {
+            std::printf("%s\n", p.o->v.string);
+        } else if (verb == "get") {
+            uci_element *e;
+            uci_foreach_element(&p.o->v.list, e) std::printf("%s%s", e->name, e->list.next == &p.o->v.list ? "\n" : " ");
+        } else if (verb == "commit" || verb == "export") {
+            rc = verb == "commit" ? uci_commit(ctx, &p.p, false) : uci_export(ctx, stdout, p.p, true);
+        } else {
+            rc = verb == "set" ? uci_set(ctx, &p) : verb == "add_list" ? uci_add_list(ctx, &p) : uci_delete(ctx, &p);
+            rc = rc == UCI_OK ? uci_save(ctx, p.p) : rc;
+        }
+    }
+    std::fflush(stdout);
+    if (rc != UCI_OK)  // the tool's messages are not the daemon's log lines
+        dprintf(g_stderr >= 0 ? g_stderr : STDERR_FILENO, "uci: %s\n", rc == UCI_ERR_NOTFOUND ? "Entry not found" : "Invalid argument");
+    return rc != UCI_OK;
+}
+
+// The uci tool, run on the folder's configuration; any other command answers GWCALL_STATUS.
 int answer(const Command &c, int status)
 {
-    if (c.argv.empty() || c.argv[0] != "uci")
-        return status;
-    const char *tool = std::getenv("GWCALL_UCI");
-    Command uci;
-    uci.argv = {tool && *tool ? tool : GWCALL_UCI, "-c", g_root + "/etc/config", "-t", g_root + "/tmp/.uci"};
-    uci.argv.insert(uci.argv.end(), c.argv.begin() + 1, c.argv.end());
-    if (g_stderr >= 0)  // the tool's messages are not the daemon's log lines
-        uci.redirections.push_back({2, false, "/dev/fd/" + std::to_string(g_stderr)});
-    return routeutils::runCommand(uci);
+    return !c.argv.empty() && c.argv[0] == "uci" ? uci(c.argv) : status;
 }
 
 int init()
@@ -135,6 +174,7 @@ int main(int argc, char **argv)
     g_root = fs::absolute(root && *root ? root : ".").lexically_normal().string();
     if (g_root.size() > 1 && g_root.back() == '/')
         g_root.pop_back();
+    routeutils::setSystemRoot(g_root);
     bool compact = false, logs = false;  // -S, -l
     for (; argc > 1 && (std::strcmp(argv[1], "-S") == 0 || std::strcmp(argv[1], "-l") == 0); --argc, ++argv)
         (argv[1][1] == 'S' ? compact : logs) = true;
@@ -142,10 +182,7 @@ int main(int argc, char **argv)
     if (argc == 2 && std::strcmp(argv[1], "--init") == 0)
         return init();
     if (argc >= 2 && std::strcmp(argv[1], "--uci") == 0) {
-        Command uci;
-        uci.argv.assign(argv + 1, argv + argc);
-        uci.argv[0] = "uci";
-        return answer(uci, 0);
+        return uci(std::vector<std::string>(argv + 1, argv + argc));
     }
     if (!start && (argc < 3 || argc > 4)) {
         std::fprintf(stderr, "usage: gwcall --init | [-l] --start | --uci ARGS... | [-S] [-l] OBJECT METHOD ['JSON']\n");
@@ -156,7 +193,6 @@ int main(int argc, char **argv)
     const int status = std::atoi(std::getenv("GWCALL_STATUS") ? std::getenv("GWCALL_STATUS") : "0");
     runner.answer = [status](const Command &c) { return answer(c, status); };
     routeutils::installCommandRunner(&runner);
-    routeutils::setSystemRoot(g_root);
     busReplyTap = keepReply;
     uloop_init();
     wanPortMapTimer.cb = applyConfig;
