@@ -1,6 +1,5 @@
 // The configuration layer (src/uci and the accessors of platform/routeutils) on a temporary system root: what each
-// operation returns, reads and writes, and the reason it logs.
-#include "common/log_capture.h"
+// operation returns, reads and writes.
 #include "routeutils/routeutils.h"
 #include "routeutils/system.h"
 #include "routeutils/uci_session.h"
@@ -12,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <sys/resource.h>
 
@@ -45,35 +43,27 @@ protected:
 } // namespace
 
 // Each read: uciGetConfig (C), uciGetStr (S) or uciGetOptionInt32 (I) of the path ("-" for a null part), with a
-// limit; its result, the buffer afterwards (null: not written) and a line its log holds (line numbers left out).
+// limit; its result and the buffer afterwards (null: not written).
 TEST_F(ConfigLayer, ReadsCutAtTheLimitAndNameWhatIsMissing)
 {
     const struct {
         char fn;
         const char *pkg, *sec, *opt;
         int len, rc;
-        const char *out, *log;
+        const char *out;
     } cases[] = {
-        {'C', "t", "main", "enabled", 7, 0, "1", "info [uciGetConfig]uciConfig value:1"},
-        {'C', "t", "main", "name", 7, 0, "a-rathe", ""},
-        {'C', "t", "main", "nosuch", 7, 3, nullptr, "error [uciGetConfig]uciGetConfig UCI_ERR_NOTFOUND1"},
-        {'C', "t", "main", "member", 7, 3, nullptr, "uciGetConfig UCI_ERR_NOTFOUND1"},  // a list
-        {'C', "t", "nosuch", "name", 7, 3, nullptr, "uciGetConfig UCI_ERR_NOTFOUND2"},
-        {'C', "nosuch", "main", "name", 7, 3, nullptr, "uciGetConfig uci_load:3"},
-        {'C', "t", "-", "name", 7, 2, nullptr, "error [uciGetConfig]UCI_ERR_INVAL"},
-        {'S', "t", "main", "member", 70, 0, "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv AA:BB:CC:DD:EE:03/pc", ""},
-        {'S', "t", "main", "member", 50, 2, "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv ",
-         "info [uciGetStr]uciGetStr val:AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv \n"},
-        {'S', "t", "main", "member", 23, 2, "AA:BB:CC:DD:EE:01/phone", ""},
-        {'S', "t", "@t[1]", "name", 7, 0, "second", ""},
-        {'S', "t", "main", "", 7, 2, nullptr, "error [uciGetStr]UCI_ERR_INVAL"},  // a section
-        {'S', "t", "main", "nosuch", 7, 3, nullptr, "error [uciGetStr]UCI_ERR_NOTFOUND"},
-        {'S', "t", "", "", 7, 3, nullptr, "UCI_ERR_NOTFOUND"},
-        {'S', "nosuch", "main", "name", 7, 3, nullptr, "UCI_ERR_NOTFOUND"},
-        {'S', "-", "", "", 7, 2, nullptr, "UCI_ERR_INVAL"},
-        {'I', "t", "main", "enabled", 0, 0, "1", ""},
-        {'I', "t", "main", "port", 0, -1, "7", ""},  // out of range
-        {'I', "t", "main", "member", 0, -1, "7", ""},
+        {'C', "t", "main", "enabled", 7, 0, "1"}, {'C', "t", "main", "name", 7, 0, "a-rathe"},
+        {'C', "t", "main", "nosuch", 7, 3, nullptr}, {'C', "t", "main", "member", 7, 3, nullptr},  // a list
+        {'C', "t", "nosuch", "name", 7, 3, nullptr}, {'C', "nosuch", "main", "name", 7, 3, nullptr},
+        {'C', "t", "-", "name", 7, 2, nullptr},
+        {'S', "t", "main", "member", 70, 0, "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv AA:BB:CC:DD:EE:03/pc"},
+        {'S', "t", "main", "member", 50, 2, "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv "},
+        {'S', "t", "main", "member", 23, 2, "AA:BB:CC:DD:EE:01/phone"}, {'S', "t", "@t[1]", "name", 7, 0, "second"},
+        {'S', "t", "main", "", 7, 2, nullptr},  // a section
+        {'S', "t", "main", "nosuch", 7, 3, nullptr}, {'S', "nosuch", "main", "name", 7, 3, nullptr},
+        {'S', "-", "", "", 7, 2, nullptr},
+        {'I', "t", "main", "enabled", 0, 0, "1"}, {'I', "t", "main", "port", 0, -1, "7"},  // out of range
+        {'I', "t", "main", "member", 0, -1, "7"},
     };
     for (const auto &c : cases) {
         auto arg = [](const char *p) { return std::strcmp(p, "-") ? p : nullptr; };
@@ -82,19 +72,14 @@ TEST_F(ConfigLayer, ReadsCutAtTheLimitAndNameWhatIsMissing)
         std::memset(buf, '#', sizeof buf);
         buf[sizeof buf - 1] = '\0';
         int rc = 0;
-        std::string log = gw::testutil::captureLog("1", [&] {
-            int32_t v = 7;
-            if (c.fn == 'I' && (rc = uciGetOptionInt32(c.pkg, c.pkg, c.sec, c.opt, &v), true))
-                std::sprintf(buf, "%d", v);
-            else
-                rc = c.fn == 'C' ? uciGetConfig(arg(c.pkg), arg(c.sec), c.opt, buf, c.len)
-                                 : uciGetStr(arg(c.pkg) ? path.c_str() : nullptr, buf, c.len);
-        });
-        log = std::regex_replace(log, std::regex(":[0-9]+\\]"), "]");
+        int32_t v = 7;
+        if (c.fn == 'I' && (rc = uciGetOptionInt32(c.pkg, c.pkg, c.sec, c.opt, &v), true))
+            std::sprintf(buf, "%d", v);
+        else
+            rc = c.fn == 'C' ? uciGetConfig(arg(c.pkg), arg(c.sec), c.opt, buf, c.len)
+                             : uciGetStr(arg(c.pkg) ? path.c_str() : nullptr, buf, c.len);
         EXPECT_EQ(rc, c.rc) << c.fn << " " << path;
         EXPECT_EQ(buf, std::string(c.out ? c.out : std::string(79, '#'))) << c.fn << " " << path;
-        EXPECT_NE(log.find(c.log), std::string::npos) << c.fn << " " << path << ": " << log;
-        EXPECT_TRUE(rc != 0 || log.find("error") == std::string::npos) << c.fn << " " << path << ": " << log;
     }
 }
 
@@ -108,8 +93,7 @@ TEST_F(ConfigLayer, WritesReachTheFileOrNothingIsLeft)
     EXPECT_NE(uciSetOptionInt32("t", "t", "nosuch", "port", 1), 0);
     EXPECT_EQ(uciAddList("t", "main", "member", "AA:BB:CC:DD:EE:04/a b"), 0);
     EXPECT_EQ(uciDelList("t", "main", "member", "AA:BB:CC:DD:EE:02/tv"), 0);
-    EXPECT_NE(gw::testutil::captureLog("1", [] { EXPECT_EQ(uciAddList("t", "nosuch", "m", "x"), UCI_ERR_INVAL); })
-                  .find("uci_add_list error"), std::string::npos);
+    EXPECT_EQ(uciAddList("t", "nosuch", "m", "x"), UCI_ERR_INVAL);
     EXPECT_EQ(uciAddList("t", "main", "member", nullptr), UCI_ERR_INVAL);
     EXPECT_EQ(uciDelList(nullptr, "main", "member", "x"), UCI_ERR_INVAL);
     static const char opt[2][16] = {"name", "target"};
@@ -156,8 +140,7 @@ TEST_F(ConfigLayer, CallersContextAndAccessors)
         EXPECT_EQ(v, 4294967295u) << bad;
     }
     EXPECT_EQ(uciDeleteSection(s.ctx(), s.pkg(), "t", "nosuch"), -1);
-    EXPECT_NE(gw::testutil::captureLog("1", [&] { EXPECT_EQ(uciDeleteSection(s.ctx(), s.pkg(), "t", nullptr), -1); })
-                  .find("ctx is null or pkg is null or configFile or sectionName is null"), std::string::npos);
+    EXPECT_EQ(uciDeleteSection(s.ctx(), s.pkg(), "t", nullptr), -1);
     EXPECT_EQ(s.save(), 0);
     EXPECT_NE(read("tmp/.uci/t"), "");
     uci_package *pkg = s.pkg();

@@ -84,11 +84,12 @@ table is all zero.
 
   $ for bad in '"Protocol":3,"ExternalPort":80,"InternalPort":80' '"Protocol":-1,"ExternalPort":80,"InternalPort":80' \
   >   '"ExternalPort":0,"InternalPort":80' '"ExternalPort":-1,"InternalPort":80' '"ExternalPort":99999999999,"InternalPort":80' \
-  >   '"ExternalPort":"8080","InternalPort":80' '"ExternalPort":80,"InternalPort":0' '"ExternalPort":80,"InternalPort":-80'; do
-  >   add "$(map ok 0 10 81 81),{\"Name\":\"bad\",$bad}"; done | uniq -c
+  >   '"ExternalPort":"8080","InternalPort":80' '"ExternalPort":65536,"InternalPort":80' '"ExternalPort":80,"InternalPort":0' \
+  >   '"ExternalPort":80,"InternalPort":-80' '"ExternalPort":80,"InternalPort":65536'; do
+  >   add "$(map ok 2 10 65535 65535),{\"Name\":\"bad\",$bad}"; done | uniq -c
         2 {"result":false,"error":{"code":713465856}}
-        4 {"result":false,"error":{"code":713465857}}
-        2 {"result":false,"error":{"code":713465858}}
+        5 {"result":false,"error":{"code":713465857}}
+        3 {"result":false,"error":{"code":713465858}}
   $ add "$(map ok 0 10 81 81),\"8080\""
   {"result":false,"error":{"code":713465857}}
   $ redir | wc -l

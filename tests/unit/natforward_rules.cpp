@@ -1,5 +1,5 @@
-// The pure rules of NAT port forwarding: the stored protocol list, the stored range text, and the add checks
-// against the port ranges and against the stored mappings.
+// The pure rules of NAT port forwarding: the stored range text, and the add checks against the stored mappings
+// (the range checks and their codes are in the transcript natforward.t).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -36,13 +36,8 @@ struct Case {
 
 } // namespace
 
-TEST(NatforwardRules, StoredProtocolsAndRanges)
+TEST(NatforwardRules, StoredRangeTexts)
 {
-    EXPECT_STREQ(natforwardProtocolValue(UDP), "udp");
-    EXPECT_EQ(natforwardProtocolValue(BOTH), nullptr);  // no proto option at all
-    EXPECT_EQ(natforwardProtocolFromList(1, "UDP"), TCP);  // one value other than "udp" reads as TCP
-    EXPECT_EQ(natforwardProtocolFromList(2, "udp"), BOTH);
-
     std::string read;  // each stored range text as start-stop, or "no" when it does not load
     for (const char *text : {"600-610", "65535-65535", "21-", "8080", "12345-1", "123456-7", "-5", "abc-def", "1-2-3"}) {
         NatforwardRangeText rt;
@@ -54,28 +49,6 @@ TEST(NatforwardRules, StoredProtocolsAndRanges)
     NatforwardRangeText rt;  // the stop part keeps to the 16-byte read buffer
     ASSERT_TRUE(natforwardSplitRange("12345-99999999999999999999", &rt));
     EXPECT_EQ(std::strlen(rt.stop), 10u);
-}
-
-TEST(NatforwardRules, RangeChecksInOrder)
-{
-    const Case ports[] = {
-        {TCP, 8080, 80, 0}, {BOTH, 1, 65535, 0}, {3, 8080, 80, NATFORWARD_ERR_PROTOCOL},
-        {0xFFFFFFFFu, 0, 0, NATFORWARD_ERR_PROTOCOL}, {TCP, 0, 0, NATFORWARD_ERR_EXTERNAL_PORT},  // in this order
-        {TCP, 65536, 80, NATFORWARD_ERR_EXTERNAL_PORT}, {UDP, 8080, 65536, NATFORWARD_ERR_INTERNAL_PORT},
-    };
-    for (const Case &c : ports) {
-        const PortMapConfig r = portMap(c.protocol, c.a, c.b);
-        EXPECT_EQ(natforwardPortMapRangeCheck(&r), c.code) << c.protocol << " " << c.a << " " << c.b;
-    }
-    const Case groups[] = {
-        {UDP, 600, 610, 0}, {TCP, 80, 80, 0}, {BOTH, 1, 65535, 0}, {5, 600, 610, NATFORWARD_ERR_PROTOCOL},
-        {TCP, 0, 0, NATFORWARD_ERR_START_PORT}, {TCP, 600, 0, NATFORWARD_ERR_STOP_PORT},
-        {TCP, 600, 65536, NATFORWARD_ERR_STOP_PORT}, {TCP, 610, 600, NATFORWARD_ERR_PORT_RANGE},
-    };
-    for (const Case &c : groups) {
-        const GroupMapConfig r = groupMap(c.protocol, c.a, c.b);
-        EXPECT_EQ(natforwardGroupMapRangeCheck(&r), c.code) << c.protocol << " " << c.a << "-" << c.b;
-    }
 }
 
 TEST(NatforwardRules, ConflictsWithStoredMappings)
