@@ -143,7 +143,7 @@ At start the black list in force gets its kernel rules, without a reload; an ent
 The agent object: its view, and a set that replaces the white list through the uci tool, then applies it as
 RTMacFilter does; off, it keeps the list and takes every rule and section away, whatever the entries.
 
-  $ gwcall --uci set macFilter.main.enabled=0 && gwcall --uci set macFilter.main.curmode=no && gwcall --uci commit
+  $ gwcall --uci set macFilter.main.enabled=0 && gwcall --uci set macFilter.main.curmode=no && gwcall --uci commit macFilter
   $ gwcall -S zelmad.macfilter getMacFilter
   {"zelmad.macfilter":{"macFilterEnable":0,"macFilterPolicy":0,"macFilterEntries":""}}
   $ j zelmad.macfilter setMacFilter '{"macFilterEnable":1,"macFilterPolicy":1,"macFilterEntries":"AABBCCDDEEFF/cam,a1b2c3d4e5f6/tab"}' | head -5

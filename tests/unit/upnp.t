@@ -88,7 +88,8 @@ At start: the two chains in the filter and the nat table, the stored switch, the
 DMZ is on; the WAN redirect apply 30 s later finds nothing stored and runs nothing. (Below without the chains.)
 
   $ cd .. && mkdir restore && cd restore && gwcall --init
-  $ gwcall --uci set upnpd.config._init=1 && gwcall --uci set dmz.dmz.enabled=1 && gwcall --uci commit
+  $ gwcall --uci set upnpd.config._init=1 && gwcall --uci set dmz.dmz.enabled=1
+  $ gwcall --uci commit upnpd && gwcall --uci commit dmz
   $ gwcall --start
   run: iptables -N NatForward_DMZ
   run: iptables -t nat -N NatForward_DMZ
@@ -110,7 +111,8 @@ An unusable stored DMZ address: one ending in a dot is not used; one with shell 
 characters and quoted as the router's journal quotes it. DMZ off, or no dmz package (and an _init that is no
 number): the chains only.
 
-  $ gwcall --uci set upnpd.config._init=0 && gwcall --uci set dmz.dmz.dest_ip=192.168.1. && gwcall --uci commit
+  $ gwcall --uci set upnpd.config._init=0 && gwcall --uci set dmz.dmz.dest_ip=192.168.1.
+  $ gwcall --uci commit upnpd && gwcall --uci commit dmz
   $ gwcall -l --start | grep -v "iptvInit\| -N \|timer"
   error [NatForward_upnpRestore] NatForward_upnpRestore no 
   $ gwcall --uci set dmz.dmz.dest_ip='1.2;$(reboot)`id` x' && gwcall --uci commit dmz

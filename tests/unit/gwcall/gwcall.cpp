@@ -9,7 +9,6 @@
 // level GWCONF_LOG_LEVEL names); "run: " and each command, quoted as the router's journal quotes it; then
 // "timer: NAME after N ms" and what each armed timer runs (fired at once). It exits with the bus status. Every
 // recorded command answers GWCALL_STATUS (default 0), but the uci tool's commands run for real on ROOT.
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -81,44 +80,32 @@ std::string commandLines(const std::vector<Command> &commands)
     return lines;
 }
 
-// The uci tool's commands that the daemon and the transcripts use (get, set, add_list, delete, commit [PACKAGE],
-// export), run in this process through a configuration session of the platform, whose folders are ROOT's: nothing
+// The uci tool's commands that the daemon and the transcripts use (get, set, add_list, delete, commit, export: one
+// argument each), run in this process through a configuration session of the platform, whose folders are ROOT's: nothing
 // of the host's /tmp/.uci or /var/run/uci is read, as the tool itself would (it keeps its default save folder).
 int uci(const std::vector<std::string> &args)
 {
     routeutils::UciSession s;
-    const std::string verb = args.size() > 1 ? args[1] : "";
-    std::vector<std::string> paths(args.begin() + std::min<size_t>(args.size(), 2), args.end());
-    if (verb == "commit" && paths.empty()) {
-        char **names = nullptr;
-        uci_list_configs(s.ctx(), &names);
-        for (char **n = names; n && *n; ++n)
-            paths.emplace_back(*n);
-        std::free(names);
-    }
     uci_context *ctx = s.ctx();
-    const bool known = verb == "get" || verb == "set" || verb == "add_list" || verb == "delete" || verb == "commit" ||
-                       verb == "export";
-    int rc = !known || paths.empty() ? UCI_ERR_INVAL : s ? UCI_OK : UCI_ERR_MEM;
-    for (size_t i = 0; i < paths.size() && rc == UCI_OK; ++i) {
-        uci_ptr p{};
-        if ((rc = uci_lookup_ptr(ctx, &p, paths[i].data(), true)) != UCI_OK)
-            break;
-        if ((verb == "get" || verb == "delete") && !(p.flags & uci_ptr::UCI_LOOKUP_COMPLETE)) {
-            rc = UCI_ERR_NOTFOUND;
-        } else if (verb == "get" && p.o == nullptr) {
-            std::printf("%s\n", p.s->type);
-        } else if (verb == "get" && p.o->type == UCI_TYPE_STRING) {
-            std::printf("%s\n", p.o->v.string);
-        } else if (verb == "get") {
-            uci_element *e;
-            uci_foreach_element(&p.o->v.list, e) std::printf("%s%s", e->name, e->list.next == &p.o->v.list ? "\n" : " ");
-        } else if (verb == "commit" || verb == "export") {
-            rc = verb == "commit" ? uci_commit(ctx, &p.p, false) : uci_export(ctx, stdout, p.p, true);
-        } else {
-            rc = verb == "set" ? uci_set(ctx, &p) : verb == "add_list" ? uci_add_list(ctx, &p) : uci_delete(ctx, &p);
-            rc = rc == UCI_OK ? uci_save(ctx, p.p) : rc;
-        }
+    const std::string verb = args.size() == 3 ? args[1] : "";
+    std::string path = args.size() == 3 ? args[2] : "";
+    uci_ptr p{};
+    int rc = verb.empty() || !s ? UCI_ERR_INVAL : uci_lookup_ptr(ctx, &p, path.data(), true);
+    if (rc != UCI_OK) {
+    } else if ((verb == "get" || verb == "delete") && !(p.flags & uci_ptr::UCI_LOOKUP_COMPLETE)) {
+        rc = UCI_ERR_NOTFOUND;
+    } else if (verb == "get" && (p.o == nullptr || p.o->type == UCI_TYPE_STRING)) {
+        std::printf("%s\n", p.o ? p.o->v.string : p.s->type);
+    } else if (verb == "get") {
+        uci_element *e;
+        uci_foreach_element(&p.o->v.list, e) std::printf("%s%s", e->name, e->list.next == &p.o->v.list ? "\n" : " ");
+    } else if (verb == "commit" || verb == "export") {
+        rc = verb == "commit" ? uci_commit(ctx, &p.p, false) : uci_export(ctx, stdout, p.p, true);
+    } else if (verb == "set" || verb == "add_list" || verb == "delete") {
+        rc = verb == "set" ? uci_set(ctx, &p) : verb == "add_list" ? uci_add_list(ctx, &p) : uci_delete(ctx, &p);
+        rc = rc == UCI_OK ? uci_save(ctx, p.p) : rc;
+    } else {
+        rc = UCI_ERR_INVAL;
     }
     std::fflush(stdout);
     if (rc != UCI_OK)  // the tool's messages are not the daemon's log lines
