@@ -53,15 +53,13 @@ TEST_F(ConfigLayer, ReadsCutAtTheLimitAndNameWhatIsMissing)
         const char *out;
     } cases[] = {
         {'C', "t", "main", "enabled", 7, 0, "1"}, {'C', "t", "main", "name", 7, 0, "a-rathe"},
-        {'C', "t", "main", "nosuch", 7, 3, nullptr}, {'C', "t", "main", "member", 7, 3, nullptr},  // a list
-        {'C', "t", "nosuch", "name", 7, 3, nullptr}, {'C', "nosuch", "main", "name", 7, 3, nullptr},
-        {'C', "t", "-", "name", 7, 2, nullptr},
+        {'C', "t", "main", "member", 7, 3, nullptr},  // a list
+        {'C', "nosuch", "main", "name", 7, 3, nullptr}, {'C', "t", "-", "name", 7, 2, nullptr},
         {'S', "t", "main", "member", 70, 0, "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv AA:BB:CC:DD:EE:03/pc"},
         {'S', "t", "main", "member", 50, 2, "AA:BB:CC:DD:EE:01/phone AA:BB:CC:DD:EE:02/tv "},
         {'S', "t", "main", "member", 23, 2, "AA:BB:CC:DD:EE:01/phone"}, {'S', "t", "@t[1]", "name", 7, 0, "second"},
         {'S', "t", "main", "", 7, 2, nullptr},  // a section
-        {'S', "t", "main", "nosuch", 7, 3, nullptr}, {'S', "nosuch", "main", "name", 7, 3, nullptr},
-        {'S', "-", "", "", 7, 2, nullptr},
+        {'S', "nosuch", "main", "name", 7, 3, nullptr}, {'S', "-", "", "", 7, 2, nullptr},
         {'I', "t", "main", "enabled", 0, 0, "1"}, {'I', "t", "main", "port", 0, -1, "7"},  // out of range
         {'I', "t", "main", "member", 0, -1, "7"},
     };

@@ -115,16 +115,11 @@ another type is TCP. A Name of another type is none, and a mapping without a nam
   it's "x" $(id)nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn
   tcp
   1;touch /tmp/pw
-  $ ids | cut -d' ' -f1
-  13
   $ add '{"Name":5,"Protocol":0,"InternalIP":"10.0.0.1","InternalPort":1,"ExternalPort":5001}' > /dev/null
   $ add "$(map after 0 10 5002 5002)" > /dev/null && ids | cut -d' ' -f1
   13
-  $ redir | tail -4 | cut -d' ' -f1-2
-  14 tcp
-  14 tcp
-  after 15
-  after 15
+  $ redir | tail -4 | cut -d' ' -f1-2 | paste -sd/
+  14 tcp/14 tcp/after 15/after 15
 
 Operation and MapList edges. Without Operation, or with a text one, the call is refused; any other operation, a
 MapList that is no array, an unknown ID or an empty delete change nothing and succeed; an empty add still commits
@@ -132,8 +127,7 @@ and reloads.
 
   $ gwcall -S -l RTPortMap modPortMapping '{"MapList":[]}' | paste -sd' '
   {"result":false} error [NATFORWARD_modPortMapping]  operation is invaild 
-  $ gwcall -S RTPortMap modPortMapping '{"Operation":"1","MapList":[]}' && gwcall -S RTPortMap modPortMapping
-  {"result":false}
+  $ gwcall -S RTPortMap modPortMapping '{"Operation":"1","MapList":[]}'
   {"result":false}
   $ for m in '"Operation":1' '"Operation":1,"MapList":"x"' '"Operation":2,"MapList":[{"PmapID":9}]' \
   >   '"Operation":-1,"MapList":[{"PmapID":9}]' '"Operation":0,"MapList":[{"PmapID":99}]' '"Operation":0,"MapList":[]'; do
@@ -156,15 +150,12 @@ At most 32 port mappings, counted apart from the group mappings, and at most 32 
   $ add "$(list map 201 201)"
   {"result":true}
   run: /etc/init.d/firewall reload
-  $ add "$(list map 202 202)"
-  {"result":false}
   $ L=-l gadd "$(list grp 301 301)"
   {"result":false}
   error [NATFORWARD_addGroupMap]addGroupMap  more  than  max
-  $ add "$(list map 301 333)"
-  {"result":false}
-  $ gwcall -S RTPortMap modPortMapping "{\"Operation\":0,\"MapList\":[$(for i in $(seq 1 33); do printf '{"PmapID":%d},' $i; done){\"PmapID\":34}]}"
-  {"result":false}
+  $ { add "$(list map 202 202)"; add "$(list map 301 333)"
+  >   gwcall -S RTPortMap modPortMapping "{\"Operation\":0,\"MapList\":[$(for i in $(seq 1 33); do printf '{"PmapID":%d},' $i; done){\"PmapID\":34}]}"; } | uniq -c
+        3 {"result":false}
 
 More than 32 stored by other means: the first 32 are listed, an add is refused, the others can be deleted.
 

@@ -105,10 +105,9 @@ TEST(RunnerSplit, OtherShellSyntaxIsRefused)
         EXPECT_FALSE(routeutils::splitCommandFormat(fmt, format, &why)) << "accepted: \"" << fmt << "\"";
         EXPECT_NE(why, "") << fmt;
     }
-    for (const char *fmt : {"uci set firewall.x.path=/usr/bin/dmzupnp.sh ", "x-y_z:1,2+3@4^5", "%s=x", "-m mark --mark 0x8888"}) {
-        CommandFormat format;
+    CommandFormat format;
+    for (const char *fmt : {"uci set firewall.x.path=/usr/bin/dmzupnp.sh ", "x-y_z:1,2+3@4^5", "%s=x", "-m mark --mark 0x8888"})
         EXPECT_TRUE(routeutils::splitCommandFormat(fmt, format, nullptr)) << fmt;
-    }
 }
 
 TEST(RunnerSplit, LinesAreCutLikeTheDaemonBuffer)

@@ -138,10 +138,7 @@ TEST(UboxAvl, RotationsAndDeletesWhileWalking)
 
 TEST(UboxList, AddMoveSpliceAndDeleteWhileWalking)
 {
-    struct E {
-        list_head l;
-        int v;
-    } e[6];
+    struct E { list_head l; int v; } e[6];
     LIST_HEAD(a);
     LIST_HEAD(b);
     auto values = [](list_head *h, bool reverse = false) {

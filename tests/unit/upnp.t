@@ -34,11 +34,8 @@ disable; nothing else of upnpd changes.
 Refused, each with its reason, nothing stored and nothing run: a value other than 0 and 1; a text, a missing or
 misspelt Enable, no message.
 
-  $ for v in 2 -1 '"1"'; do gwcall -S -l RTUpnp setUpnpStatus "{\"Enable\":$v}" | paste -sd' '; done
+  $ for m in '{"Enable":2}' '{"Enable":-1}' '{"Enable":"1"}' '{"enable":1}'; do gwcall -S -l RTUpnp setUpnpStatus "$m" | paste -sd' '; done | uniq
   {"result":false} error [NatForward_setUpnpEnabled]enabled is invalid
-  {"result":false} error [NatForward_setUpnpEnabled]enabled is invalid
-  {"result":false} error [NatForward_setUpnpStatus]   enable value is invaild 
-  $ gwcall -S -l RTUpnp setUpnpStatus '{"enable":1}' | paste -sd' '
   {"result":false} error [NatForward_setUpnpStatus]   enable value is invaild 
   $ gwcall -S RTUpnp setUpnpStatus
   {"result":false}
