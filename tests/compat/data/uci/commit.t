@@ -58,3 +58,32 @@ Three writers at once, each committing its own items one by one: none is lost, n
   $ uci get t.n.l | tr ' ' '\n' | sort -u | wc -l; uci get t.n.l | wc -w; cat save/t
   120
   120
+
+A commit cut off at any step is finished by the next one. Before its rename it writes a journal line: the new
+file's inode, size and modification time, the number of delta bytes folded in, its temporary file and the FNV-1a
+(64 bits) of those bytes. Each case: a config holding item 1, a delta file, the journal a cut commit left and a
+temporary file left without one; a load sees 1 and 2, once each, and the next commit writes that and cleans up.
+
+  $ start() { rm -rf conf save; mkdir conf save; printf "\nconfig a 'n'\n\tlist l '1'\n\n" >conf/t
+  >   printf "|t.n.l='%s'\n" "$@" >save/t; echo stale >conf/.t.uci-Ab12Cd; }
+  $ journal() { python3 -c 'import os, sys; s = os.stat("conf/t"); d = b"|t.n.l=\x27%s\x27\n" % sys.argv[1].encode()
+  > h = 14695981039346656037
+  > for c in d: h = (h ^ c) * 1099511628211 % 2**64
+  > print(s.st_ino, s.st_size, s.st_mtime_ns // 10**9, s.st_mtime_ns % 10**9, len(d), sys.argv[2], "%016x" % h)' \
+  >   "$1" "$T/conf/.t.uci-$2"; }
+  $ other() { echo partial >conf/.t.uci-left; echo "1 2 3 4 $1 $T/conf/.t.uci-left 0123456789abcdef"; }
+  $ finish() { l=$(uci get t.n.l); uci commit t; printf "\nconfig a 'n'\n\tlist l '1'\n\tlist l '2'\n\n" | cmp - conf/t
+  >   echo "$l;" $(ls -A conf save) $(wc -c <save/t); }
+
+Cut between the rename and the emptying of the delta file (1 is not applied twice); before the rename (the journal
+describes another file); after the emptying (2, saved since and as long as the folded line, is kept); before the
+rename, with the commit in force as the journal's second line.
+
+  $ start 1 2; journal 1 gone >save/.t.uci-commit; finish
+  1 2; conf: t save: t 0
+  $ start 2; other 11 >save/.t.uci-commit; finish
+  1 2; conf: t save: t 0
+  $ start 2; journal 1 gone >save/.t.uci-commit; finish
+  1 2; conf: t save: t 0
+  $ start 1 2; { other 22; journal 1 gone; } >save/.t.uci-commit; finish
+  1 2; conf: t save: t 0
