@@ -43,12 +43,7 @@ struct Exact {	// the bytes of a hex text on the heap, exactly sized
 	blob_attr *attr() const { return reinterpret_cast<blob_attr *>(p.get()); }
 };
 
-std::string take(char *s)
-{
-	std::string out = s ? s : "<null>";
-	free(s);
-	return out;
-}
+std::string take(char *s) { std::string out = s ? s : "<null>"; return free(s), out; }
 
 std::string describe(blob_attr *a)	// type and value; "-" for none
 {
@@ -56,11 +51,7 @@ std::string describe(blob_attr *a)	// type and value; "-" for none
 	return a ? std::string(types[blobmsg_type(a)]) + ":" + take(blobmsg_format_json_value(a)) : "-";
 }
 
-void put_hex(blob_buf *b, const char *h)
-{
-	Exact e(h);
-	blob_put_raw(b, e.p.get(), unsigned(e.n));
-}
+void put_hex(blob_buf *b, const char *h) { Exact e(h); blob_put_raw(b, e.p.get(), unsigned(e.n)); }
 
 
 // Header word: id (0x80 = extended, i.e. named blobmsg) and raw length; a name header is its length (16 bits),

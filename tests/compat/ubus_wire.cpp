@@ -4,7 +4,7 @@
 // (">>": a byte at a time), "<conn> < <hex>" expects exactly that frame next ("-": none, "closed": the end of the
 // connection), "<conn> ! <ms>" pauses. {X} stands for 4 bytes learnt where they first come and the same after;
 // "*" takes the rest of a frame; an indented line goes on with the one above; '#' starts a comment.
-#include "support.h"
+#include <gtest/gtest.h>
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -12,21 +12,26 @@ extern "C" {
 #include <libubus.h>
 
 #include <csignal>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <poll.h>
 #include <pthread.h>
+#include <sstream>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 
-using namespace ct;
-
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+
+struct TempDir {	// a fresh folder under /tmp, removed with its contents
+	std::string path = [] { char t[] = "/tmp/gwconf-compat-XXXXXX"; return std::string(mkdtemp(t) ? t : ""); }();
+	~TempDir() { std::filesystem::remove_all(path); }
+};
 
 std::string hex(const Bytes &b)
 {
@@ -80,9 +85,11 @@ struct Player {
 	{
 		Bytes b;
 		for (size_t i = 0; i < text.size(); i++) {
-			if (text[i] == '*' && got) {
+			if (text[i] == '*' && got)
 				b.insert(b.end(), got->begin() + long(std::min(b.size(), got->size())), got->end());
-			} else if (text[i] == '{') {
+			else if (isxdigit(text[i]))
+				b.push_back(uint8_t(std::stoul(text.substr(i++, 2), nullptr, 16)));
+			else if (text[i] == '{') {
 				size_t end = text.find('}', i);
 				std::string name = text.substr(i + 1, end - i - 1);
 				if (!vars.count(name) && got && got->size() >= b.size() + 4)
@@ -90,8 +97,6 @@ struct Player {
 				Bytes v = vars.count(name) ? vars[name] : Bytes{'?', '?', '?', '?'};
 				b.insert(b.end(), v.begin(), v.end());
 				i = end;
-			} else if (isxdigit(text[i])) {
-				b.push_back(uint8_t(std::stoul(text.substr(i++, 2), nullptr, 16)));
 			}
 		}
 		return b;
@@ -212,10 +217,8 @@ TEST(Daemon, Frames)
 	for (int i = 0; i < 1000 && (fd = unix_socket(sock, false)) < 0; i++)
 		usleep(5000);
 	close(fd);
-	for (const char *table : {kRouting, kBadRequests}) {
-		Player p{[&] { return unix_socket(sock, false); }, {{"ECHO", kEcho}}};
-		p.play(table);
-	}
+	for (const char *table : {kRouting, kBadRequests})
+		Player{[&] { return unix_socket(sock, false); }, {{"ECHO", kEcho}}}.play(table);
 	// Exactly 1 MiB is served.
 	Player p{[&] { return unix_socket(sock, false); }};
 	p.play("a < *\n");
@@ -238,11 +241,7 @@ struct FakeDaemon {
 		Player p{[this] { return accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC); }, {{"ECHO", kEcho}}};
 		p.play("d > 0000 0000 11223344 00000004\n" + table);
 	}) {}
-	~FakeDaemon()
-	{
-		thread.join();
-		close(lfd);
-	}
+	~FakeDaemon() { thread.join(), close(lfd); }
 };
 
 // The served object "demo": "ok" replies {"pong":true}, "ret" returns 42, "quit" ends the loop.
@@ -270,7 +269,9 @@ d > 0002 0001 00000000 00000014 03000008 00005000 05000008 00006000	# object 0x5
     0001 0001 00000000 0000000c 01000008 00000000
 )";
 
-TEST(Client, RequestsAreByteExactAndRepliesMatchOnSequenceAndPeer)
+// Requests byte for byte, replies matched on seq and peer; then calls of the object answered from the loop, and calls
+// that arrive while the library waits for an answer queued until after it.
+TEST(Client, RequestsRepliesAndCalls)
 {
 	FakeDaemon fake(std::string(kRegister) + R"(
 d < 0004 0002 00000000 00000010 02000009 64656d6f 00000000	# LOOKUP
@@ -284,9 +285,23 @@ d > 0002 0003 12345678 00000020 03000008 aabbccdd 07000014 85000010 00026964 000
     0002 0003 aabbccdd 00000020 03000008 aabbccdd 07000014 85000010 00026964 00000000 00000003	# too late
 d < 0005 0004 aabbccdd *
 d > 0001 0004 aabbccdd 0000000c 01000008 fffffff9
+d > 0005 000a 0000004d 00000018 03000008 00009999 04000007 6f6b0000 07000004	# a call of another object
+d < 0001 000a 0000004d 00000014 01000008 00000004 03000008 00009999	# NOT_FOUND
+d > 0005 000c 0000004d 00000014 03000008 00005000 04000007 6f6b0000	# without data
+d < 0001 000c 0000004d 00000014 01000008 00000002 03000008 00005000	# INVALID_ARGUMENT
+d > 0005 000e 0000004d 00000018 03000008 00005000 04000007 6f6b0000 07000004	# "ok"
+d < 0002 000e 0000004d 00000020 03000008 00005000 07000014 8700000d 0004706f 6e670000 01000000	# its reply
+d < 0001 000e 0000004d 00000014 01000008 00000000 03000008 00005000
+d > 0005 000f 0000004d 00000020 03000008 00005000 04000008 72657400 07000004 0a000005 01000000	# NO_REPLY
+d < 0004 0005 00000000 0000000c 02000006 78000000	# a LOOKUP; calls come in the same read as its answer
+d > 0005 0014 0000004d 00000018 03000008 00005000 04000008 72657400 07000004
+    0001 0005 00000000 0000000c 01000008 00000004
+    0005 0015 0000004d 0000001c 03000008 00005000 04000009 71756974 00000000 07000004
+d < 0001 0014 *	# and are answered after it
+d < 0001 0015 *
 )");
-	ubus_context *ctx = ubus_connect(fake.sock.c_str());
-	ASSERT_NE(ctx, nullptr);
+	static ubus_context *ctx;
+	ASSERT_NE(ctx = ubus_connect(fake.sock.c_str()), nullptr);
 	ASSERT_EQ(ubus_add_object(ctx, &demo), 0);
 	EXPECT_TRUE(demo.id == 0x5000 && type.id == 0x6000);
 	uint32_t id = 0;
@@ -300,31 +315,7 @@ d > 0001 0004 aabbccdd 0000000c 01000008 fffffff9
 	EXPECT_EQ(ubus_invoke(ctx, id, "echo", nullptr, collect, nullptr, 2000), UBUS_STATUS_INVALID_ARGUMENT);
 	EXPECT_EQ(ubus_invoke(ctx, id, "echo", nullptr, collect, nullptr, 2000), -7);
 	EXPECT_EQ(got, std::vector<std::string>{"{\"id\":2}"});
-	ubus_free(ctx);
-	demo.id = type.id = 0;
-}
 
-TEST(Client, CallsAreAnsweredAsTheObjectAndQueuedDuringAWait)
-{
-	FakeDaemon fake(std::string(kRegister) + R"(
-d > 0005 000a 0000004d 00000018 03000008 00009999 04000007 6f6b0000 07000004	# a call of another object
-d < 0001 000a 0000004d 00000014 01000008 00000004 03000008 00009999	# NOT_FOUND
-d > 0005 000c 0000004d 00000014 03000008 00005000 04000007 6f6b0000	# without data
-d < 0001 000c 0000004d 00000014 01000008 00000002 03000008 00005000	# INVALID_ARGUMENT
-d > 0005 000e 0000004d 00000018 03000008 00005000 04000007 6f6b0000 07000004	# "ok"
-d < 0002 000e 0000004d 00000020 03000008 00005000 07000014 8700000d 0004706f 6e670000 01000000	# its reply
-d < 0001 000e 0000004d 00000014 01000008 00000000 03000008 00005000
-d > 0005 000f 0000004d 00000020 03000008 00005000 04000008 72657400 07000004 0a000005 01000000	# NO_REPLY
-d < 0004 0002 00000000 0000000c 02000006 78000000	# a LOOKUP; calls come in the same read as its answer
-d > 0005 0014 0000004d 00000018 03000008 00005000 04000008 72657400 07000004
-    0001 0002 00000000 0000000c 01000008 00000004
-    0005 0015 0000004d 0000001c 03000008 00005000 04000009 71756974 00000000 07000004
-d < 0001 0014 *	# and are answered after it
-d < 0001 0015 *
-)");
-	static ubus_context *ctx;
-	ASSERT_NE(ctx = ubus_connect(fake.sock.c_str()), nullptr);
-	ASSERT_EQ(ubus_add_object(ctx, &demo), 0);
 	ubus_add_uloop(ctx);
 	calls = 0;
 	uloop_timeout look{.cb = [](uloop_timeout *t) {	// once the NO_REPLY call has run
@@ -352,10 +343,8 @@ TEST(Client, InterruptedReadsGoOnAndBadHeadersEndTheConnection)
 	for (std::string version : {"00", "01"}) {
 		FakeDaemon fake("d < 0005 0001 00005000 *\nd > " + version + "01 0001 00005000 0000000c 01\nd ! 400\n"
 				"d > 000008 00000003\n");	// METHOD_NOT_FOUND, the rest after the signal
-		std::thread late([&] {	// the pauses only order the steps: a signal too early proves nothing, never fails
-			usleep(200 * 1000);
-			pthread_kill(caller, SIGUSR1);
-		});
+		// The pauses only order the steps: a signal too early proves nothing, never fails.
+		std::thread late([&] { usleep(200 * 1000), pthread_kill(caller, SIGUSR1); });
 		static int lost;
 		lost = 0;
 		ubus_context *ctx = ubus_connect(fake.sock.c_str());

@@ -28,11 +28,7 @@ struct Timer {
 
 class Uloop : public ::testing::Test {
 protected:
-	void SetUp() override
-	{
-		seen.clear();
-		ASSERT_EQ(uloop_init(), 0);
-	}
+	void SetUp() override { seen.clear(); ASSERT_EQ(uloop_init(), 0); }
 	void TearDown() override { uloop_done(); }
 	static std::string run(int ms = 5000)	// what the run saw; "!" at the end when the guard ended it
 	{
