@@ -1,28 +1,8 @@
 // Untrusted bytes through the blob/blobmsg checks, parsers and JSON printers; the same bytes as JSON text through
 // the JSON reader, whose result passes the checks at every depth, prints, and prints the same once read back.
-#include <string>
-#include <vector>
-
-#include <libubox/blobmsg_json.h>
+#include "fuzz.h"
 
 namespace {
-
-// Every member passes the check and the members fill their container exactly, at every depth.
-bool validTree(blob_attr *attr)
-{
-    if (!blobmsg_check_attr(attr, false))
-        return false;
-    if (blobmsg_type(attr) != BLOBMSG_TYPE_TABLE && blobmsg_type(attr) != BLOBMSG_TYPE_ARRAY)
-        return true;
-    blob_attr *cur;
-    size_t rem, seen = 0;
-    blobmsg_for_each_attr(cur, attr, rem) {
-        if (!validTree(cur))
-            return false;
-        seen += blob_pad_len(cur);
-    }
-    return seen == blobmsg_data_len(attr);
-}
 
 // The JSON text read and printed, or "" when it does not read.
 std::string printed(const std::string &json)
@@ -31,12 +11,9 @@ std::string printed(const std::string &json)
     blob_buf_init(&b, 0);
     std::string out;
     if (blobmsg_add_json_from_string(&b, json.c_str())) {
-        blob_attr *cur;
-        size_t rem;
-        blobmsg_for_each_attr(cur, b.head, rem) if (!validTree(cur)) abort();
+        FUZZ_CHECK(fuzz::wellFormed(blob_data(b.head), blob_len(b.head), false), "JSON read into a malformed tree");
         char *text = blobmsg_format_json(b.head, true);
-        if (text == nullptr)
-            abort();
+        FUZZ_CHECK(text, "JSON read does not print");
         out = text;
         free(text);
     }
@@ -49,18 +26,17 @@ std::string printed(const std::string &json)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static const blobmsg_policy policy[] = {{"a", BLOBMSG_TYPE_STRING}, {"b", BLOBMSG_TYPE_INT32},
-                                            {"c", BLOBMSG_TYPE_TABLE},  {"d", BLOBMSG_TYPE_ARRAY},
-                                            {"e", BLOBMSG_CAST_INT64},  {"", BLOBMSG_TYPE_UNSPEC}};
+        {"c", BLOBMSG_TYPE_TABLE}, {"d", BLOBMSG_TYPE_ARRAY}, {"e", BLOBMSG_CAST_INT64}, {"", BLOBMSG_TYPE_UNSPEC}};
     blob_attr *tb[6];
     blob_attr_info info[4] = {{}, {BLOB_ATTR_INT32}, {BLOB_ATTR_STRING}, {BLOB_ATTR_NESTED}};
     std::vector<uint8_t> buf(data, data + size);  // exactly the input: a read past it is caught
     auto *attr = reinterpret_cast<blob_attr *>(buf.data());
-    if (size > 0) {
-        blob_parse_untrusted(attr, size, tb, info, 4);
-        blobmsg_parse(policy, 6, tb, buf.data(), unsigned(size));
-        blobmsg_parse_array(policy, 6, tb, buf.data(), unsigned(size));
-    }
-    if (size > 0 && blobmsg_check_attr_len(attr, false, size)) {
+    if (size == 0)
+        return 0;
+    blob_parse_untrusted(attr, size, tb, info, 4);
+    blobmsg_parse(policy, 6, tb, buf.data(), unsigned(size));
+    blobmsg_parse_array(policy, 6, tb, buf.data(), unsigned(size));
+    if (blobmsg_check_attr_len(attr, false, size)) {
         if (blobmsg_check_array_len(attr, BLOBMSG_TYPE_UNSPEC, size) >= 0)
             blobmsg_parse_attr(policy, 6, tb, attr);
         free(blobmsg_format_json(attr, true));
@@ -73,7 +49,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (const char *unreadable : {"nan", "inf", "{,", ",,"})
         if (once.find(unreadable) != std::string::npos)
             return 0;
-    if (!twice.empty() && twice != once)
-        abort();
+    FUZZ_CHECK(twice.empty() || twice == once, "printed again otherwise:\n" + once + "\n" + twice);
     return 0;
 }

@@ -1,23 +1,16 @@
-// The daemon's 20 methods in this process: commands go to the recording runner, the configuration is a system root
-// refilled from sandbox/defaults for every input, replies come through busReplyTap, armed timers fire at once.
-// Input: up to four calls, one per line; a byte picks the method ('a' + i: the i-th in registration order, listed in
-// docs/reliability.md), then a JSON object (the message), nothing, or other bytes (a raw payload to the input's end).
-// Checked besides the sanitizers: replies are well-formed, a call answers exactly when its status is 0 and refuses
-// only as listed in call(), commands are sane, every package still loads, descriptors stay flat.
-#include <cctype>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+// The daemon's 20 methods in this process (docs/reliability.md): commands go to the recording runner, replies come
+// through busReplyTap, armed timers fire at once, the system root is refilled from sandbox/defaults for every input.
+// Up to four calls, one per line: a byte picks the method ('a' + i: the i-th registered), then a JSON object, nothing
+// or other bytes (a raw payload to the input's end).
 #include <map>
+#include <regex>
 #include <set>
-#include <sanitizer/common_interface_defs.h>
 #include <syslog.h>
 
-#include <libubox/blobmsg_json.h>
 #include <libubox/uloop.h>
 
 #include "busmethod.h"
+#include "fuzz.h"
 #include "gwconf.h"
 #include "routeutils/system.h"
 #include "routeutils/uci_session.h"
@@ -32,32 +25,17 @@ std::string g_root;
 routeutils::RecordingRunner g_runner;
 std::vector<std::vector<char>> g_replies;
 
-void removeRoot()
-{
-    std::error_code ignored;
-    if (!g_root.empty())
-        fs::remove_all(g_root, ignored);
-}
-
-[[noreturn]] void fail(const std::string &what)
-{
-    std::fprintf(stderr, "fuzz_handlers: %s\n", what.c_str());
-    removeRoot();
-    std::abort();
-}
-
 // The uci tool's set, delete and commit, done with libuci on the root as the router's tool does them.
 int uciTool(const Command &c)
 {
     routeutils::UciSession s;
     std::string arg = c.argv.size() == 3 ? c.argv[2] : "";
     uci_ptr ptr{};
+    const std::string &op = c.argv[1];
     int rc = uci_lookup_ptr(s.ctx(), &ptr, arg.data(), true);
-    if (rc == UCI_OK && c.argv[1] == "set")
-        rc = uci_set(s.ctx(), &ptr) ?: uci_save(s.ctx(), ptr.p);
-    else if (rc == UCI_OK && c.argv[1] == "delete")
-        rc = uci_delete(s.ctx(), &ptr) ?: uci_save(s.ctx(), ptr.p);
-    else if (rc == UCI_OK && c.argv[1] == "commit")
+    if (rc == UCI_OK && (op == "set" || op == "delete"))
+        rc = (op == "set" ? uci_set(s.ctx(), &ptr) : uci_delete(s.ctx(), &ptr)) ?: uci_save(s.ctx(), ptr.p);
+    else if (rc == UCI_OK && op == "commit")
         rc = uci_commit(s.ctx(), &ptr.p, false);
     return rc == UCI_OK ? 0 : 1;
 }
@@ -70,40 +48,19 @@ void checkCommands()
     static const std::set<std::string> programs = {
         "iptables", "ip6tables", "ebtables", "uci", "/etc/init.d/firewall", "/etc/init.d/miniupnpd",
         "/etc/init.d/network", "/tmp/wanPortMap.sh"};
+    static const std::regex option("[ \t\n]-+[A-Za-z]");
     for (const Command &c : g_runner.commands) {
-        if (c.argv.empty() || !programs.count(c.argv[0]))
-            fail("command of an unknown program: " + c.line);
+        FUZZ_CHECK(!c.argv.empty() && programs.count(c.argv[0]), "command of an unknown program: " + c.line);
         for (const std::string &a : c.argv)
-            for (size_t i = a.find_first_of(" \t\n"); i != std::string::npos; i = a.find_first_of(" \t\n", i + 1)) {
-                const size_t j = a.find_first_not_of('-', i + 1);
-                if (j > i + 1 && j != std::string::npos && std::isalpha(static_cast<unsigned char>(a[j])))
-                    fail("an argument holds several words of a command line: " + c.line);
-            }
+            FUZZ_CHECK(!std::regex_search(a, option), "an argument holds several words of a command line: " + c.line);
         for (const routeutils::Redirection &r : c.redirections)
-            if (!r.toStdout && r.path != "/dev/null" && r.path != "/tmp/wanPortMap.log")
-                fail("redirection to " + r.path + ": " + c.line);
+            FUZZ_CHECK(r.toStdout || r.path == "/dev/null" || r.path == "/tmp/wanPortMap.log",
+                       "redirection to " + r.path + ": " + c.line);
     }
     std::ifstream in(g_root + "/tmp/wanPortMap.sh");
     const std::string script{std::istreambuf_iterator<char>(in), {}};
-    if (script.find_first_not_of("#!/ .-0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ\n") !=
-        std::string::npos)
-        fail("the WAN script holds request text:\n" + script);
-}
-
-// Every member passes the library's check, members of nested tables and arrays too, and they fill their container.
-bool validMembers(const void *data, size_t len, bool named)
-{
-    blob_attr *cur;
-    size_t rem = len, seen = 0;
-    __blob_for_each_attr(cur, const_cast<void *>(data), rem) {
-        const int type = blobmsg_type(cur);
-        if (!blobmsg_check_attr(cur, named) ||
-            ((type == BLOBMSG_TYPE_TABLE || type == BLOBMSG_TYPE_ARRAY) &&
-             !validMembers(blobmsg_data(cur), blobmsg_data_len(cur), type == BLOBMSG_TYPE_TABLE)))
-            return false;
-        seen += blob_pad_len(cur);
-    }
-    return seen == len;
+    FUZZ_CHECK(script.find_first_not_of("#!/ .-0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ\n") ==
+                   std::string::npos, "the WAN script holds request text:\n" + script);
 }
 
 // msg holds exactly the message's padded bytes (a vector of that size), so that a read past it is caught.
@@ -123,16 +80,15 @@ void call(ubus_object *obj, const ubus_method *method, std::vector<uint8_t> msg)
             t->cb(t);
     checkCommands();
     for (auto &bytes : g_replies) {
-        auto *reply = reinterpret_cast<blob_attr *>(bytes.data());
-        char *json = validMembers(blob_data(reply), blob_len(reply), true) ? blobmsg_format_json(reply, true) : nullptr;
-        if (json == nullptr)
-            fail("the reply of " + name + " is not a well-formed blobmsg table");
-        std::free(json);
+        auto *r = reinterpret_cast<blob_attr *>(bytes.data());
+        char *text = fuzz::wellFormed(blob_data(r), blob_len(r), true) ? blobmsg_format_json(r, true) : nullptr;
+        FUZZ_CHECK(text, "the reply of " + name + " is not a well-formed blobmsg table");
+        std::free(text);
     }
-    if (status == 0 && g_replies.size() != 1)
-        fail(name + " returned 0 with " + std::to_string(g_replies.size()) + " replies");
-    if (status != 0 && (!g_replies.empty() || !refusals.count(name) || !refusals.at(name).count(status)))
-        fail(name + " refused with status " + std::to_string(status) + " in a way it must not");
+    FUZZ_CHECK(status != 0 || g_replies.size() == 1,
+               name + " returned 0 with " + std::to_string(g_replies.size()) + " replies");
+    FUZZ_CHECK(status == 0 || (g_replies.empty() && refusals.count(name) && refusals.at(name).count(status)),
+               name + " refused with status " + std::to_string(status) + " in a way it must not");
 }
 
 // The root as the router starts: the default configuration, nothing saved, no file the daemon wrote.
@@ -152,16 +108,10 @@ int countDescriptors() { return int(std::distance(fs::directory_iterator("/proc/
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     // What the daemon prints on standard output goes nowhere; its log lines are formatted but not sent.
-    if (std::freopen("/dev/null", "w", stdout) == nullptr)
-        fail("no /dev/null");
+    FUZZ_CHECK(std::freopen("/dev/null", "w", stdout), "no /dev/null");
     setenv("GWCONF_LOG_LEVEL", "debug", 1);
     setlogmask(LOG_MASK(LOG_EMERG));
-    char tmpl[] = "/dev/shm/gwconf-fuzz-handlers-XXXXXX";  // tmpfs: an input writes a dozen files
-    if (mkdtemp(tmpl) == nullptr)
-        fail("no temporary folder");
-    g_root = tmpl;
-    std::atexit(removeRoot);
-    __sanitizer_set_death_callback(removeRoot);
+    g_root = fuzz::scratch();
     resetRoot();
     routeutils::setSystemRoot(g_root);
     g_runner.answer = [](const Command &c) { return c.argv.size() > 1 && c.argv[0] == "uci" ? uciTool(c) : 0; };
@@ -188,30 +138,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const char *p = reinterpret_cast<const char *>(data), *end = p + size;
     for (int calls = 0; calls < 4 && p < end; ++calls) {
         const auto [obj, method] = g_methods[uint8_t(*p++ - 'a') % g_methods.size()];
-        const char *eol = static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)));
-        eol = eol ? eol : end;
+        const char *eol = std::find(p, end, '\n');
         blob_buf b{};
         blob_buf_init(&b, 0);
-        bool parsed = true;
-        if (p < eol && *p == '{')
-            parsed = blobmsg_add_json_from_string(&b, std::string(p, eol).c_str());
-        else if (p < eol) {  // a client may send any payload: the bus checks only that it fits in the message
-            blob_put_raw(&b, p, unsigned(end - p));
-            eol = end;
-        }
-        if (parsed)
+        const bool json = p < eol && *p == '{';
+        if (p < eol && !json)  // a client may send any payload: the bus checks only that it fits in the message
+            blob_put_raw(&b, p, unsigned(end - p)), eol = end;
+        if (!json || blobmsg_add_json_from_string(&b, std::string(p, eol).c_str()))
             call(obj, method, std::vector<uint8_t>((uint8_t *)b.head, (uint8_t *)b.head + blob_pad_len(b.head)));
         blob_buf_free(&b);
         p = eol + (eol < end);
     }
-    for (const auto &file : fs::directory_iterator(g_root + "/etc/config")) {
-        routeutils::UciSession s;
-        if (s.load(file.path().filename().c_str()) != UCI_OK)
-            fail("package " + file.path().filename().string() + " no longer loads");
-    }
+    for (const auto &file : fs::directory_iterator(g_root + "/etc/config"))
+        FUZZ_CHECK(routeutils::UciSession().load(file.path().filename().c_str()) == UCI_OK,
+                   "package " + file.path().filename().string() + " no longer loads");
     if (++inputs == 8)
         baselineFds = countDescriptors();
-    if (baselineFds >= 0 && inputs % 64 == 0 && countDescriptors() > baselineFds + 8)
-        fail("open descriptors keep growing");
+    FUZZ_CHECK(baselineFds < 0 || inputs % 64 != 0 || countDescriptors() <= baselineFds + 8,
+               "open descriptors keep growing");
     return 0;
 }

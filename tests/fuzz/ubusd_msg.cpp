@@ -1,23 +1,16 @@
-// The bus daemon's message handling in this process: the input is a client's byte stream (split in two reads at a
-// point its first byte chooses), then the replies of the client that owns an object. The 4-byte tokens "OBJ1" and
-// "CLIB" become that object's id and the first client's id, so calls and replies reach someone. Whatever happens,
-// every object a client holds belongs to it, and a parsed frame never claims more bytes than it has.
+// The bus daemon's message handling in this process: a client's byte stream (split in two reads where its first byte
+// says), then the same as replies of the client owning an object; the tokens "OBJ1" and "CLIB" become that object's
+// and the caller's ids. Objects stay with their owners, and a parsed frame never claims more bytes than it has.
 #include "../../compat/ubusd/ubusd_blob.cpp"
 #include "../../compat/ubusd/ubusd_bus.cpp"
 #include "../../compat/ubusd/ubusd_events.cpp"
-
-#include <cstdlib>
-#include <cstring>
+#include "fuzz.h"
 
 namespace {
 
-// ADD_OBJECT "demo" with one method "echo"(id: INT32, msg: STRING)
-const uint8_t kAddDemo[] = {
-	0x00, 0x06, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x40, 0x02, 0x00, 0x00, 0x09, 'd', 'e',
-	'm', 'o', 0x00, 0x00, 0x00, 0x00, 0x06, 0x00, 0x00, 0x30, 0x82, 0x00, 0x00, 0x2c, 0x00, 0x04, 'e', 'c',
-	'h', 'o', 0x00, 0x00, 0x85, 0x00, 0x00, 0x10, 0x00, 0x02, 'i', 'd', 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-	0x00, 0x05, 0x85, 0x00, 0x00, 0x10, 0x00, 0x03, 'm', 's', 'g', 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x03,
-};
+// ADD_OBJECT "demo" with one method "echo"(id: INT32, msg: STRING): header, path, signature (the 72 bytes, octal)
+const char kAddDemo[] = "\0\6\0\1\0\0\0\0\0\0\0\100" "\2\0\0\11demo\0\0\0\0" "\6\0\0\60\202\0\0\54\0\4echo\0\0"
+			"\205\0\0\20\0\2id\0\0\0\0\0\0\0\5" "\205\0\0\20\0\3msg\0\0\0\0\0\0\3";
 
 void replace(std::vector<uint8_t> &buf, const char *token, uint32_t id)
 {
@@ -35,8 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	bus.on_output = [](ubusd::Client &cl) { cl.txq.clear(), cl.txq_bytes = 0; };  // nobody reads in here
 	ubusd::Client *owner = bus.add_client(0, 0, "root", "root");
 	ubusd::Client *caller = bus.add_client(1000, 1000, "user", "users");
-	if (!bus.receive(*owner, kAddDemo, sizeof kAddDemo))
-		abort();
+	FUZZ_CHECK(bus.receive(*owner, reinterpret_cast<const uint8_t *>(kAddDemo), sizeof kAddDemo - 1), "no object");
 	const uint32_t callerId = caller->id, ownerId = owner->id;
 	std::vector<uint8_t> input(data, data + size);
 	replace(input, "OBJ1", owner->objects.at(0));
@@ -51,10 +43,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	for (uint32_t id : {ownerId, callerId})
 		if (ubusd::Client *cl = bus.client(id))
 			for (uint32_t oid : cl->objects)
-				if (ubusd::Object *o = bus.object(oid); !o || o->owner != cl)
-					abort();
+				FUZZ_CHECK(bus.object(oid) && bus.object(oid)->owner == cl, "a client holds an object of another");
 	ubusd::Message m;
-	if (ubusd::parse_message(data, size, m) && (m.frame_len > size || m.frame_len < ubusd::kPrefixLen))
-		abort();
+	FUZZ_CHECK(!ubusd::parse_message(data, size, m) || (m.frame_len <= size && m.frame_len >= ubusd::kPrefixLen),
+		   "a frame claims more bytes than it has");
 	return 0;
 }
