@@ -159,40 +159,36 @@ TEST(Blob, ParseRules)
 // The checks on untrusted bytes: an attribute with or without a name, a container with its children.
 TEST(Blob, ChecksRefuseMalformedInput)
 {
+	// blobmsg_check_attr_len with and without a name required; blobmsg_check_array_len: the number of children,
+	// -1 for an invalid container or none.
 	const struct {
 		const char *bytes;
-		bool named, unnamed;	// blobmsg_check_attr_len with and without a name required
-	} attrs[] = {
-		{"85000010 00026964 00000000 00000005", true, true},
-		{"8300000a 00000000 78000000", false, true},	// empty name
-		{"85000002", false, false},			// shorter than its header
-		{"85000014 00026964 00000000 00000005", false, false},	// longer than the buffer
-		{"8500000c 00206964 00000000", false, false},	// name longer than the payload
-		{"85000010 00026964 ff000000 00000005", false, false},	// name without its NUL
-		{"89000008 00016e00", false, false},		// type after the last
-		{"8500000a 00016b00 00010000", false, false},	// int32 of 2 bytes
-		{"8300000a 00016b00 78790000", false, false},	// unterminated string
+		bool named, unnamed;
+		int type, count;
+	} cases[] = {
+		{"85000010 00026964 00000000 00000005", true, true, BLOBMSG_TYPE_UNSPEC, -1},
+		{"8300000a 00000000 78000000", false, true, BLOBMSG_TYPE_UNSPEC, -1},	// empty name
+		{"85000002", false, false, BLOBMSG_TYPE_UNSPEC, -1},	// shorter than its header
+		{"85000014 00026964 00000000 00000005", false, false, BLOBMSG_TYPE_UNSPEC, -1},	// longer than the buffer
+		{"8500000c 00206964 00000000", false, false, BLOBMSG_TYPE_UNSPEC, -1},	// name longer than the payload
+		{"85000010 00026964 ff000000 00000005", false, false, BLOBMSG_TYPE_UNSPEC, -1},	// name without its NUL
+		{"89000008 00016e00", false, false, BLOBMSG_TYPE_UNSPEC, -1},	// type after the last
+		{"8500000a 00016b00 00010000", false, false, BLOBMSG_TYPE_UNSPEC, -1},	// int32 of 2 bytes
+		{"8300000a 00016b00 78790000", false, false, BLOBMSG_TYPE_UNSPEC, -1},	// unterminated string
+		{"82000020 00017400 8500000c 00016100 00000001 8500000c 00016200 00000002", true, true, BLOBMSG_TYPE_INT32, 2},
+		{"81000020 00016100 8500000c 00000000 00000001 8300000a 00000000 78000000", true, true, BLOBMSG_TYPE_INT32,
+		 -1},	// a string among int32
+		{"82000014 00017400 8500000c 00000000 00000001", true, true, BLOBMSG_TYPE_UNSPEC, -1},	// a nameless table child
+		{"81000014 00016100 85000010 00000000 00000001", true, true, BLOBMSG_TYPE_UNSPEC, -1},	// child past its parent
+		{"81000014 00016100 8500000a 00000000 00010000", true, true, BLOBMSG_TYPE_UNSPEC, -1},	// a broken child
+		{"81000008 00016100", true, true, BLOBMSG_TYPE_INT32, 0},
+		{"81000020 00016100 8500000c 00000000 00000001", false, false, BLOBMSG_TYPE_UNSPEC, -1},	// parent past the buffer
 	};
-	for (const auto &c : attrs) {
+	for (const auto &c : cases) {
 		Exact e(c.bytes);
 		EXPECT_EQ(blobmsg_check_attr_len(e.attr(), true, e.n), c.named) << c.bytes;
 		EXPECT_EQ(blobmsg_check_attr_len(e.attr(), false, e.n), c.unnamed) << c.bytes;
 		EXPECT_FALSE(blobmsg_check_attr_len(e.attr(), false, 3)) << c.bytes;
-	}
-	const struct {
-		const char *bytes;
-		int type, count;	// blobmsg_check_array_len: the number of children, -1 when invalid
-	} containers[] = {
-		{"82000020 00017400 8500000c 00016100 00000001 8500000c 00016200 00000002", BLOBMSG_TYPE_INT32, 2},
-		{"81000020 00016100 8500000c 00000000 00000001 8300000a 00000000 78000000", BLOBMSG_TYPE_INT32, -1},	// a string
-		{"82000014 00017400 8500000c 00000000 00000001", BLOBMSG_TYPE_UNSPEC, -1},	// table child without a name
-		{"81000014 00016100 85000010 00000000 00000001", BLOBMSG_TYPE_UNSPEC, -1},	// child past its parent
-		{"81000014 00016100 8500000a 00000000 00010000", BLOBMSG_TYPE_UNSPEC, -1},	// child with a broken value
-		{"81000008 00016100", BLOBMSG_TYPE_INT32, 0},
-		{"81000020 00016100 8500000c 00000000 00000001", BLOBMSG_TYPE_UNSPEC, -1},	// parent past the buffer
-	};
-	for (const auto &c : containers) {
-		Exact e(c.bytes);
 		EXPECT_EQ(blobmsg_check_array_len(e.attr(), c.type, e.n), c.count) << c.bytes;
 		EXPECT_EQ(blobmsg_check_attr_list_len(e.attr(), c.type, e.n), c.count >= 0) << c.bytes;
 	}

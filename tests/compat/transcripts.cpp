@@ -77,8 +77,7 @@ HANDLER(call)	// calls another object from inside the handler and passes its rep
 }
 HANDLER(notify)
 {
-	int ret = ubus_notify(c, obj, "hello", msg, 1000);
-	return reply(c, req, "{\"status\":" + std::to_string(ret) + ",\"active\":" +
+	return reply(c, req, "{\"status\":" + std::to_string(ubus_notify(c, obj, "hello", msg, 1000)) + ",\"active\":" +
 			     (obj->has_subscribers ? "true" : "false") + "}"), 0;
 }
 #undef HANDLER
@@ -107,10 +106,7 @@ int serve(const char *path)
 			return 10;
 	ctx->connection_lost = [](ubus_context *) {	// reconnect every 50 ms until the daemon takes us back
 		timer.cb = [](uloop_timeout *t) {
-			if (ubus_reconnect(ctx, sock) == UBUS_STATUS_OK)
-				ubus_add_uloop(ctx);
-			else
-				uloop_timeout_set(t, 50);
+			ubus_reconnect(ctx, sock) == UBUS_STATUS_OK ? ubus_add_uloop(ctx) : (void)uloop_timeout_set(t, 50);
 		};
 		uloop_timeout_set(&timer, 50);
 	};

@@ -15,7 +15,7 @@ extern "C" {
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <poll.h>
+#include <sys/time.h>
 #include <pthread.h>
 #include <sstream>
 #include <sys/prctl.h>
@@ -55,19 +55,16 @@ int unix_socket(const std::string &path, bool server)
 
 Bytes recv(int fd, int ms = 2000)	// one frame; nothing when none comes within ms, or the other end closed
 {
+	timeval limit{.tv_sec = ms / 1000, .tv_usec = ms % 1000 * 1000};
+	setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
 	Bytes m(12);
-	auto read_n = [&](size_t at) {
-		for (ssize_t got = 0; at < m.size(); at += size_t(got)) {
-			pollfd p{fd, POLLIN, 0};
-			if ((got = poll(&p, 1, ms) > 0 ? ::recv(fd, &m[at], m.size() - at, 0) : 0) <= 0)
-				return false;
-		}
-		return true;
+	auto read = [&](size_t at) {	// a read of nothing would wait for more
+		return at == m.size() || ::recv(fd, &m[at], m.size() - at, MSG_WAITALL) == ssize_t(m.size() - at);
 	};
-	if (!read_n(0) || (m[9] << 16 | m[10] << 8 | m[11]) < 4)
+	if (!read(0) || (m[9] << 16 | m[10] << 8 | m[11]) < 4)
 		return {};
 	m.resize(8 + size_t(m[9] << 16 | m[10] << 8 | m[11]));
-	return read_n(12) ? m : Bytes();
+	return read(12) ? m : Bytes();
 }
 
 // Plays a table of frames; a connection named for the first time comes from open().
@@ -262,18 +259,16 @@ const ubus_method methods[] = {UBUS_METHOD("echo", handler, policy), UBUS_METHOD
 ubus_object_type type = UBUS_OBJECT_TYPE("served", methods);
 ubus_object demo = {.name = "demo", .type = &type, .methods = methods, .n_methods = ARRAY_SIZE(methods)};
 
-const char *const kRegister = R"(
-d < 0006 0001 00000000 00000064 02000009 64656d6f 00000000 06000054 {ECHO}	# ADD_OBJECT with the signature
-    8200000c 00026f6b 00000000 8200000c 00037265 74000000 8200000c 00047175 69740000	# of ok, ret and quit
-d > 0002 0001 00000000 00000014 03000008 00005000 05000008 00006000	# object 0x5000, type 0x6000
-    0001 0001 00000000 0000000c 01000008 00000000
-)";
 
 // Requests byte for byte, replies matched on seq and peer; then calls of the object answered from the loop, and calls
 // that arrive while the library waits for an answer queued until after it.
 TEST(Client, RequestsRepliesAndCalls)
 {
-	FakeDaemon fake(std::string(kRegister) + R"(
+	FakeDaemon fake(R"(
+d < 0006 0001 00000000 00000064 02000009 64656d6f 00000000 06000054 {ECHO}	# ADD_OBJECT with the signature
+    8200000c 00026f6b 00000000 8200000c 00037265 74000000 8200000c 00047175 69740000	# of ok, ret and quit
+d > 0002 0001 00000000 00000014 03000008 00005000 05000008 00006000	# object 0x5000, type 0x6000
+    0001 0001 00000000 0000000c 01000008 00000000
 d < 0004 0002 00000000 00000010 02000009 64656d6f 00000000	# LOOKUP
 d > 0002 0002 00000000 00000018 02000009 64656d6f 00000000 03000008 aabbccdd
     0001 0002 00000000 0000000c 01000008 00000000
@@ -329,7 +324,6 @@ d < 0001 0015 *
 	uloop_run();
 	EXPECT_EQ(calls, 4);
 	ubus_free(ctx);
-	demo.id = type.id = 0;
 }
 
 // A signal handler without SA_RESTART (uloop's SIGCHLD handler is one) interrupting the wait for the rest of a
@@ -346,9 +340,9 @@ TEST(Client, InterruptedReadsGoOnAndBadHeadersEndTheConnection)
 		// The pauses only order the steps: a signal too early proves nothing, never fails.
 		std::thread late([&] { usleep(200 * 1000), pthread_kill(caller, SIGUSR1); });
 		static int lost;
+		ubus_context *ctx;
+		ASSERT_NE(ctx = ubus_connect(fake.sock.c_str()), nullptr);
 		lost = 0;
-		ubus_context *ctx = ubus_connect(fake.sock.c_str());
-		ASSERT_NE(ctx, nullptr);
 		ctx->connection_lost = [](ubus_context *) { lost++; };
 		EXPECT_EQ(ubus_invoke(ctx, 0x5000, "x", nullptr, nullptr, nullptr, 3000),
 			  version == "01" ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_METHOD_NOT_FOUND);

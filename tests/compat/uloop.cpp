@@ -99,10 +99,7 @@ TEST_F(Uloop, FileDescriptors)
 
 TEST_F(Uloop, ChildrenAndSignals)
 {
-	struct Child {
-		uloop_process p;
-		int status = -1;
-	} c[2];
+	struct Child { uloop_process p; int status = -1; } c[2];
 	for (int i = 0; i < 2; i++) {
 		pid_t pid = fork();
 		if (pid == 0)

@@ -30,9 +30,8 @@ Listings: all objects, a prefix, one path; with -v the methods and their argumen
   \t"call":{"path":"String","method":"String"} (esc)
   \t"notify":{} (esc)
 
-Calls: the reply pretty-printed, or compact with -S; JSON as json-c reads it (the last of two equal keys, text
-after the document ignored); several replies, none, a deferred one; a nameless method takes every call; a handler
-that calls an object of another server while its own caller waits.
+Calls: the reply pretty, or compact with -S; JSON as json-c reads it (of equal keys the last, text after it ignored);
+several replies, none, a deferred one; a nameless method; a handler calling another server while its caller waits.
 
   $ ubus call test echo '{"id":1,"a":[true,{}]}'
   {

@@ -1,6 +1,5 @@
-How a commit reaches the disk, as strace shows it: the package loaded under shared locks, then every file it
-touches locked, the new file written beside the config and synced, a journal of the step, the rename, and only
-then the delta file emptied; a save appends its lines under the lock of the delta file and syncs them.
+How a save and a commit reach the disk, as strace shows it: the locks, the new file synced beside the config, a
+journal of the step, the rename, and only then the delta file emptied; a save syncs its lines under the lock.
 
   $ T=$PWD; mkdir conf save; printf 'config a n\n' > conf/t; chmod 640 conf/t; uci() { command uci -c "$T/conf" -t "$T/save" -C '' "$@"; }
   $ trace() { ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0 strace -f -qq -y \
@@ -59,10 +58,9 @@ Three writers at once, each committing its own items one by one: none is lost, n
   120
   120
 
-A commit cut off at any step is finished by the next one. Before its rename it writes a journal line: the new
-file's inode, size and modification time, the number of delta bytes folded in, its temporary file and the FNV-1a
-(64 bits) of those bytes. Each case: a config holding item 1, a delta file, the journal a cut commit left and a
-temporary file left without one; a load sees 1 and 2, once each, and the next commit writes that and cleans up.
+A commit cut off at any step is finished by the next. Its journal line, written before the rename: the new file's
+inode, size, mtime, the delta bytes folded in, its temporary file, their FNV-1a (64 bits). From item 1 in the config,
+a delta file, a journal and a stray temporary file, a load sees 1 and 2 once each; a commit writes that, cleans up.
 
   $ start() { rm -rf conf save; mkdir conf save; printf "\nconfig a 'n'\n\tlist l '1'\n\n" >conf/t
   >   printf "|t.n.l='%s'\n" "$@" >save/t; echo stale >conf/.t.uci-Ab12Cd; }
@@ -75,9 +73,8 @@ temporary file left without one; a load sees 1 and 2, once each, and the next co
   $ finish() { l=$(uci get t.n.l); uci commit t; printf "\nconfig a 'n'\n\tlist l '1'\n\tlist l '2'\n\n" | cmp - conf/t
   >   echo "$l;" $(ls -A conf save) $(wc -c <save/t); }
 
-Cut between the rename and the emptying of the delta file (1 is not applied twice); before the rename (the journal
-describes another file); after the emptying (2, saved since and as long as the folded line, is kept); before the
-rename, with the commit in force as the journal's second line.
+Cut between rename and emptying of the delta file (1 not applied twice); before the rename (journal of another file);
+after the emptying (2, saved since, as long as the folded line, kept); before the rename, the one in force second.
 
   $ start 1 2; journal 1 gone >save/.t.uci-commit; finish
   1 2; conf: t save: t 0

@@ -57,9 +57,8 @@ A revert takes out the lines that name what it reverts; a rename line names the 
   $ uci delete t.k; uci delete 't.@c[0]'; uci delete 't.@c[-1]'; uci commit t; cat conf/t
   
 
-The hand-written delta file (save/d): values quoted in every way; list, rename and reorder lines; and the lines
-the reader skips (a value after the quotes, another package, @type[n], no value where one is needed, an invalid
-name, a missing section).
+The hand-written delta file (save/d): values quoted every way; list, rename, reorder lines; the lines the reader
+skips (a value after the quotes, another package, @type[n], no value where needed, an invalid name, no section).
 
   $ uci changes d
   d.n.x='5'
@@ -99,9 +98,8 @@ A revert leaves alone a delta file with a line it cannot parse; a commit applies
   \toption k 'v' (esc)
   
 
-Within one process the edits keep the index of section names: a renamed section is found under its new name
-only. Two sections may share a name (a saved rename says so): the first in file order is found, and once it is
-deleted the other one.
+In one process edits keep the index of section names: a renamed section is found under its new name only. Two
+sections may share a name (a saved rename says so): the first in file order is found, once it is deleted the other.
 
   $ printf '%s\n' 'get s.a' 'delete s.a' 'get s.a' 'rename s.b=c2' 'get s.b' 'get s.c2' | uci batch
   x

@@ -1,5 +1,4 @@
-The uci file format as the tool reads and writes it (files in format/): quoting, anonymous sections, lists,
-sections and options given twice, the tuple syntax, and parse errors with their reasons.
+The uci file format as the tool reads and writes it (files in format/), the documented network example first.
 
   $ T=$PWD; cp -R "$DATA/uci/format" conf; mkdir save; uci() { command uci -c "$T/conf" -t "$T/save" -C '' "$@"; }
 
