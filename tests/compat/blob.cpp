@@ -95,8 +95,7 @@ TEST(Blob, BuildersEncode)
 		build(&b);
 		EXPECT_EQ(hex(b.b.head), bytes);
 	}
-	Buf table(BLOBMSG_TYPE_TABLE);
-	EXPECT_EQ(hex(table.b.head), "02000004");
+	EXPECT_EQ(hex(Buf(BLOBMSG_TYPE_TABLE).b.head), "02000004");
 
 	// Containers opened before the buffer grows close right; a value too long for 24 bits is refused.
 	Buf big;

@@ -42,6 +42,12 @@ int code(blob_attr *msg)	// the int argument "code", 0 without
 }
 
 const blobmsg_policy call_policy[] = {{"path", BLOBMSG_TYPE_STRING}, {"method", BLOBMSG_TYPE_STRING}};
+std::string added;	// the paths of the objects added since the start, parsed from the daemon's events
+ubus_event_handler on_add = {.obj = {}, .cb = [](ubus_context *, ubus_event_handler *, const char *, blob_attr *msg) {
+	blob_attr *path;
+	blobmsg_parse(call_policy, 1, &path, blob_data(msg), unsigned(blob_len(msg)));
+	added += path ? std::string(" ") + blobmsg_get_string(path) : " ?";
+}};
 
 #define HANDLER(name) int name([[maybe_unused]] ubus_context *c, [[maybe_unused]] ubus_object *obj, \
 	[[maybe_unused]] ubus_request_data *req, [[maybe_unused]] const char *method, [[maybe_unused]] blob_attr *msg)
@@ -62,7 +68,8 @@ HANDLER(whoami)
 {
 	auto text = [](const char *s) { return "\"" + std::string(s ? s : "") + "\""; };
 	return reply(c, req, "{\"user\":" + text(req->acl.user) + ",\"object\":" + text(req->acl.object) +
-			     ",\"method\":" + text(method) + ",\"id\":" + (obj->id == req->object ? "true" : "false") + "}"), 0;
+			     ",\"method\":" + text(method) + ",\"id\":" + (obj->id == req->object ? "true" : "false") +
+			     ",\"added\":" + text(added.c_str()) + "}"), 0;
 }
 HANDLER(call)	// calls another object from inside the handler and passes its replies and status on
 {
@@ -112,7 +119,8 @@ int serve(const char *path)
 	};
 	if (const char *name = getenv("GWCONF_UBUS_TEST_NAME"))	// a second server: NAME and NAME.any
 		test.name = name, any.name = strdup((std::string(name) + ".any").c_str());
-	if (ubus_add_object(ctx, &any) || ubus_add_object(ctx, &test))	// "test" last: once it is seen, both are
+	if (ubus_register_event_handler(ctx, &on_add, "ubus.object.add") || ubus_add_object(ctx, &any) ||
+	    ubus_add_object(ctx, &test))	// "test" last: once it is seen, both are
 		return 11;
 	ubus_add_uloop(ctx);
 	uloop_run();

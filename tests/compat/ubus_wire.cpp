@@ -12,7 +12,6 @@ extern "C" {
 #include <libubus.h>
 
 #include <csignal>
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <sys/time.h>
@@ -27,11 +26,6 @@ extern "C" {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-struct TempDir {	// a fresh folder under /tmp, removed with its contents
-	std::string path = [] { char t[] = "/tmp/gwconf-compat-XXXXXX"; return std::string(mkdtemp(t) ? t : ""); }();
-	~TempDir() { std::filesystem::remove_all(path); }
-};
 
 std::string hex(const Bytes &b)
 {
@@ -72,11 +66,7 @@ struct Player {
 	std::function<int()> open;
 	std::map<std::string, Bytes> vars = {};
 	std::map<char, int> fds = {};
-	~Player()
-	{
-		for (auto &[name, fd] : fds)
-			close(fd);
-	}
+	~Player() { for (auto &[name, fd] : fds) close(fd); }
 	// The bytes a text stands for; learns the unknown {X} from got (when given) at the same place.
 	Bytes bytes(const std::string &text, const Bytes *got = nullptr)
 	{
@@ -202,8 +192,7 @@ h > 0004 0004 00000000 00000010 02000009	# a client that leaves halfway
 
 TEST(Daemon, Frames)
 {
-	TempDir dir;
-	std::string sock = dir.path + "/ubus.sock";
+	std::string sock = testing::TempDir() + "gwconf-ubusd-" + std::to_string(getpid());	// the daemon removes it
 	pid_t pid = fork();
 	if (pid == 0) {
 		prctl(PR_SET_PDEATHSIG, SIGKILL);	// it goes with the test, whatever happens to the test
@@ -230,15 +219,14 @@ TEST(Daemon, Frames)
 // ---- the client library against a scripted daemon, which greets it as 0x11223344 ----
 
 struct FakeDaemon {
-	TempDir dir;
-	std::string sock = dir.path + "/fake.sock";
+	std::string sock = testing::TempDir() + "gwconf-fake-ubusd-" + std::to_string(getpid());
 	int lfd = unix_socket(sock, true);
 	std::thread thread;
 	explicit FakeDaemon(const std::string &table) : thread([this, table] {
 		Player p{[this] { return accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC); }, {{"ECHO", kEcho}}};
 		p.play("d > 0000 0000 11223344 00000004\n" + table);
 	}) {}
-	~FakeDaemon() { thread.join(), close(lfd); }
+	~FakeDaemon() { thread.join(), close(lfd), unlink(sock.c_str()); }
 };
 
 // The served object "demo": "ok" replies {"pong":true}, "ret" returns 42, "quit" ends the loop.

@@ -30,8 +30,8 @@ Listings: all objects, a prefix, one path; with -v the methods and their argumen
   \t"call":{"path":"String","method":"String"} (esc)
   \t"notify":{} (esc)
 
-Calls: the reply pretty, or compact with -S; JSON as json-c reads it (of equal keys the last, text after it ignored);
-several replies, none, a deferred one; a nameless method; a handler calling another server while its caller waits.
+Calls: pretty or compact (-S); JSON as json-c reads it (the last of equal keys, text after it ignored); several
+replies, none, a deferred one; a nameless method, telling what its server's events named; a nested call.
 
   $ ubus call test echo '{"id":1,"a":[true,{}]}'
   {
@@ -50,10 +50,10 @@ several replies, none, a deferred one; a nameless method; a handler calling anot
   {"n":2}
   {"late":true}
   $ ubus -S call test.any whatever
-  {"user":"root","object":"test.any","method":"whatever","id":true}
+  {"user":"root","object":"test.any","method":"whatever","id":true,"added":" test.any test"}
   $ GWCONF_UBUS_TEST_SERVER=$S GWCONF_UBUS_TEST_NAME=peer $TEST_SERVER >/dev/null 2>&1 & p=$!
   $ ubus -t 5 wait_for peer; ubus -S call test call '{"path":"peer.any","method":"nested"}'; kill $p
-  {"user":"root","object":"peer.any","method":"nested","id":true}
+  {"user":"root","object":"peer.any","method":"nested","id":true,"added":" peer.any peer"}
 
 The monitor shows the messages passing the daemon, here a call (-m invoke) coming in and going out to the server.
 
