@@ -13,7 +13,7 @@
 #include "fuzz.h"
 #include "gwconf.h"
 #include "routeutils/system.h"
-#include "routeutils/uci_session.h"
+#include "uci_command.h"
 
 namespace fs = std::filesystem;
 using routeutils::Command;
@@ -24,21 +24,6 @@ std::vector<std::pair<ubus_object *, const ubus_method *>> g_methods;
 std::string g_root;
 routeutils::RecordingRunner g_runner;
 std::vector<std::vector<char>> g_replies;
-
-// The uci tool's set, delete and commit, done with libuci on the root as the router's tool does them.
-int uciTool(const Command &c)
-{
-    routeutils::UciSession s;
-    std::string arg = c.argv.size() == 3 ? c.argv[2] : "";
-    uci_ptr ptr{};
-    const std::string &op = c.argv[1];
-    int rc = uci_lookup_ptr(s.ctx(), &ptr, arg.data(), true);
-    if (rc == UCI_OK && (op == "set" || op == "delete"))
-        rc = (op == "set" ? uci_set(s.ctx(), &ptr) : uci_delete(s.ctx(), &ptr)) ?: uci_save(s.ctx(), ptr.p);
-    else if (rc == UCI_OK && op == "commit")
-        rc = uci_commit(s.ctx(), &ptr.p, false);
-    return rc == UCI_OK ? 0 : 1;
-}
 
 // Every command runs one of the daemon's programs and redirects only to its own files; no argument holds a blank,
 // tab or line end followed by an option (words of a command line run together, which a shell would have split).
@@ -114,7 +99,9 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     g_root = fuzz::scratch();
     resetRoot();
     routeutils::setSystemRoot(g_root);
-    g_runner.answer = [](const Command &c) { return c.argv.size() > 1 && c.argv[0] == "uci" ? uciTool(c) : 0; };
+    g_runner.answer = [](const Command &c) {
+        return !c.argv.empty() && c.argv[0] == "uci" ? uciCommand(c.argv, nullptr) != UCI_OK : 0;
+    };
     routeutils::installCommandRunner(&g_runner);
     busReplyTap = [](blob_attr *reply) {
         g_replies.emplace_back(reinterpret_cast<char *>(reply), reinterpret_cast<char *>(reply) + blob_pad_len(reply));

@@ -26,7 +26,7 @@
 #include "busmethod.h"
 #include "gwconf.h"
 #include "routeutils/system.h"
-#include "routeutils/uci_session.h"
+#include "uci_command.h"
 
 namespace fs = std::filesystem;
 using routeutils::Command;
@@ -80,36 +80,14 @@ std::string commandLines(const std::vector<Command> &commands)
     return lines;
 }
 
-// The uci tool's commands that the daemon and the transcripts use (get, set, add_list, delete, commit, export: one
-// argument each), run in this process through a configuration session of the platform, whose folders are ROOT's: nothing
-// of the host's /tmp/.uci or /var/run/uci is read, as the tool itself would (it keeps its default save folder).
+// A uci command on ROOT (uci_command.h), with the tool's message when it fails.
 int uci(const std::vector<std::string> &args)
 {
-    routeutils::UciSession s;
-    uci_context *ctx = s.ctx();
-    const std::string verb = args.size() == 3 ? args[1] : "";
-    std::string path = args.size() == 3 ? args[2] : "";
-    uci_ptr p{};
-    int rc = verb.empty() || !s ? UCI_ERR_INVAL : uci_lookup_ptr(ctx, &p, path.data(), true);
-    if (rc != UCI_OK) {
-    } else if ((verb == "get" || verb == "delete") && !(p.flags & uci_ptr::UCI_LOOKUP_COMPLETE)) {
-        rc = UCI_ERR_NOTFOUND;
-    } else if (verb == "get" && (p.o == nullptr || p.o->type == UCI_TYPE_STRING)) {
-        std::printf("%s\n", p.o ? p.o->v.string : p.s->type);
-    } else if (verb == "get") {
-        uci_element *e;
-        uci_foreach_element(&p.o->v.list, e) std::printf("%s%s", e->name, e->list.next == &p.o->v.list ? "\n" : " ");
-    } else if (verb == "commit" || verb == "export") {
-        rc = verb == "commit" ? uci_commit(ctx, &p.p, false) : uci_export(ctx, stdout, p.p, true);
-    } else if (verb == "set" || verb == "add_list" || verb == "delete") {
-        rc = verb == "set" ? uci_set(ctx, &p) : verb == "add_list" ? uci_add_list(ctx, &p) : uci_delete(ctx, &p);
-        rc = rc == UCI_OK ? uci_save(ctx, p.p) : rc;
-    } else {
-        rc = UCI_ERR_INVAL;
-    }
+    const int rc = uciCommand(args, stdout);
     std::fflush(stdout);
     if (rc != UCI_OK)  // the tool's messages are not the daemon's log lines
-        dprintf(g_stderr >= 0 ? g_stderr : STDERR_FILENO, "uci: %s\n", rc == UCI_ERR_NOTFOUND ? "Entry not found" : "Invalid argument");
+        dprintf(g_stderr >= 0 ? g_stderr : STDERR_FILENO, "uci: %s\n",
+                rc == UCI_ERR_NOTFOUND ? "Entry not found" : "Invalid argument");
     return rc != UCI_OK;
 }
 
