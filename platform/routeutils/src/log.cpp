@@ -1,7 +1,8 @@
 // Logging: one line per call to syslog (facility daemon, ident "gwconfd"), and to stderr as "<level> <message>"
-// when the environment holds GWCONF_LOG_STDERR=1. GWCONF_LOG_LEVEL in the environment sets the threshold of both
-// ("err", "info", "debug", any other syslog level name, or its number 0 to 7); without it, or with a value it does
-// not know, syslog takes err and info (the debug lines, one per command run, stay out) and stderr every level.
+// when the environment holds GWCONF_LOG_STDERR=1. GWCONF_LOG_LEVEL in the environment (both read at the first
+// line) sets the threshold of both ("err", "info", "debug", any other syslog level name, or its number 0 to 7);
+// without it, or with a value it does not know, syslog takes err and info (the debug lines, one per command run,
+// stay out) and stderr every level.
 #include "routeutils/routeutils.h"
 #include "routeutils/system.h"
 
@@ -17,12 +18,6 @@
 namespace {
 
 bool g_syslogOpen = false;
-
-bool stderrWanted()
-{
-    const char *v = std::getenv("GWCONF_LOG_STDERR");
-    return v && std::strcmp(v, "1") == 0;
-}
 
 // The syslog priority that GWCONF_LOG_LEVEL names, or -1 when it is unset or names none.
 int levelAsked()
@@ -46,14 +41,31 @@ int levelAsked()
     return -1;
 }
 
+// The highest priority each output takes (-1: none), read from the environment once, at the first line.
+struct Thresholds {
+    int syslog;
+    int stderrCopy;
+};
+
+const Thresholds &thresholds()
+{
+    static const Thresholds t = [] {
+        const int asked = levelAsked();
+        const char *copy = std::getenv("GWCONF_LOG_STDERR");
+        const bool copyWanted = copy && std::strcmp(copy, "1") == 0;
+        return Thresholds{asked >= 0 ? asked : LOG_INFO, copyWanted ? (asked >= 0 ? asked : LOG_DEBUG) : -1};
+    }();
+    return t;
+}
+
 void logLine(int priority, const char *level, const char *fmt, va_list ap)
 {
     if (!fmt)
         return;
-    const int asked = levelAsked();
+    const Thresholds &t = thresholds();
     // The syslog socket is a path of the system too: under a test's root the lines go to the stderr copy only.
-    const bool toSyslog = priority <= (asked >= 0 ? asked : LOG_INFO) && routeutils::systemRootIsDefault();
-    const bool toStderr = stderrWanted() && priority <= (asked >= 0 ? asked : LOG_DEBUG);
+    const bool toSyslog = priority <= t.syslog && routeutils::systemRootIsDefault();
+    const bool toStderr = priority <= t.stderrCopy;
     if (!toSyslog && !toStderr)
         return;
     char small[512];
